@@ -1,0 +1,125 @@
+// Complex arithmetic, the radix-2 FFT, spectrum re-centring and small helpers.
+#include <cmath>
+#include <cstring>
+
+#include "CommonFun.h"
+
+namespace {
+constexpr double kTwoPi = 6.283185307179586;
+constexpr double kPi = 3.141592653589793;
+}  // namespace
+
+Complex Complex_add(Complex a, Complex b) { return Complex{a.re + b.re, a.im + b.im}; }
+Complex Complex_sub(Complex a, Complex b) { return Complex{a.re - b.re, a.im - b.im}; }
+Complex Complex_scalar_mul(Complex a, double s) { return Complex{a.re * s, a.im * s}; }
+Complex complex_scalar_mul(Complex a, double s) { return Complex_scalar_mul(a, s); }
+Complex complex_div_real(Complex a, double s) { return Complex{a.re / s, a.im / s}; }
+Complex Complex_conj(Complex a) { return Complex{a.re, -a.im}; }
+double Complex_abs(Complex a) { return std::sqrt(a.re * a.re + a.im * a.im); }
+double Complex_abs2(Complex a) { return a.re * a.re + a.im * a.im; }
+Complex Complex_exp_j(double x) { return Complex{std::cos(x), std::sin(x)}; }
+
+Complex CommonFun::Complex_mul(Complex a, Complex b) {
+    return Complex{a.re * b.re - a.im * b.im, a.re * b.im + a.im * b.re};
+}
+
+// In-place forward DFT, X[k] = sum_n x[n] exp(-j 2 pi k n / N), unnormalised,
+// iterative decimation in time. n must be a power of two (every caller passes
+// 16384). The stage twiddle is advanced by repeated complex multiplication
+// rather than recomputed per k; the small rounding drift this accumulates is
+// part of the reported figures, so it is kept.
+void CommonFun::fft_radix2(Complex* x, int n) {
+    // Bit-reversal permutation with the classic reversed counter j.
+    int j = 0;
+    for (int i = 0; i < n; ++i) {
+        if (i < j) {
+            Complex t = x[i];
+            x[i] = x[j];
+            x[j] = t;
+        }
+        int m = n / 2;
+        while (m >= 1 && j >= m) {
+            j -= m;
+            m /= 2;
+        }
+        j += m;
+    }
+    // Butterfly stages.
+    for (int len = 2; len <= n; len *= 2) {
+        const Complex w = Complex_exp_j(-kTwoPi / len);
+        const int half = len / 2;
+        for (int start = 0; start < n; start += len) {
+            Complex wk{1.0, 0.0};
+            for (int k = 0; k < half; ++k) {
+                const Complex u = x[start + k];
+                const Complex t = Complex_mul(x[start + k + half], wk);
+                x[start + k] = Complex_add(u, t);
+                x[start + k + half] = Complex_sub(u, t);
+                wk = Complex_mul(wk, w);
+            }
+        }
+    }
+}
+
+// Moves zero frequency to the centre: element i goes to (i + n/2) mod n.
+// For odd n the element at ceil(n/2) lands at index 0. Does nothing for
+// n <= 1 or when the scratch copy cannot be taken.
+template <class T>
+static void shift_to_centre(T* x, int n) {
+    if (n <= 1) return;
+    HeapArray<T> tmp = heap_alloc<T>(n);
+    if (!tmp) return;
+    const int half = n / 2;
+    for (int i = 0; i < n; ++i) tmp[(i + half) % n] = x[i];
+    std::memcpy(x, tmp.get(), sizeof(T) * static_cast<size_t>(n));
+}
+
+void CommonFun::fftshift_complex(Complex* x, int n) { shift_to_centre(x, n); }
+void CommonFun::fftshift_double(double* x, int n) { shift_to_centre(x, n); }
+
+// Symmetric Hamming window, both ends 0.08. n = 1 divides 0 by 0 and yields
+// NaN, as the closed form does; n <= 0 writes nothing.
+void hamming_window(double* w, int n) {
+    for (int i = 0; i < n; ++i) {
+        w[i] = 0.54 - 0.46 * std::cos(kTwoPi * i / (n - 1));
+    }
+}
+
+// Normalised sinc, sin(pi x) / (pi x), exactly 1 near zero.
+double sinc(double x) {
+    if (std::fabs(x) < 1e-12) return 1.0;
+    return std::sin(kPi * x) / (kPi * x);
+}
+
+// Wraps an angle into [0, 2 pi).
+double normalize_angle(double x) {
+    double r = std::fmod(x, kTwoPi);
+    return r < 0 ? r + kTwoPi : r;
+}
+
+// Greatest common divisor of |a| and |b| by Euclid's remainder loop;
+// gcd(0, 0) = 0 and gcd(a, 0) = |a|. The absolute value is taken in unsigned
+// arithmetic so that LONG_MIN cannot overflow.
+long gcd_int64(long a, long b) {
+    unsigned long x = a < 0 ? 0UL - static_cast<unsigned long>(a) : static_cast<unsigned long>(a);
+    unsigned long y = b < 0 ? 0UL - static_cast<unsigned long>(b) : static_cast<unsigned long>(b);
+    while (y != 0) {
+        unsigned long r = x % y;
+        x = y;
+        y = r;
+    }
+    return static_cast<long>(x);
+}
+
+// qsort comparators over doubles. NaN compares equal to everything.
+int cmp_double(const void* a, const void* b) {
+    const double x = *static_cast<const double*>(a);
+    const double y = *static_cast<const double*>(b);
+    return (x > y) - (x < y);
+}
+int cmp_asc(const void* a, const void* b) { return cmp_double(a, b); }
+int cmp_desc(const void* a, const void* b) {
+    const double x = *static_cast<const double*>(a);
+    const double y = *static_cast<const double*>(b);
+    return (x < y) - (x > y);
+}

@@ -1,0 +1,244 @@
+/*
+ * Vantrel modulation-analysis library: the public C interface.
+ *
+ * A host creates an instance, hands each captured block of int16 I/Q samples
+ * to VantrelExcute together with an ExParamOut record, and reads the figures
+ * back from its own DisplayData record. Both records are packed to 4-byte
+ * alignment; their layout is part of the binary interface and is pinned by the
+ * static assertions at the end of this header (in C and in C++).
+ *
+ * Buffer ownership: the host owns ExParamOut, DisplayData and every array that
+ * DisplayData points to. The library only copies values into those arrays and
+ * sets the counts; it never allocates, frees or replaces the pointers.
+ *
+ * Threading: the library starts no threads and takes no locks. The instance
+ * registry is process-wide, so the host must not call these functions from two
+ * threads at once.
+ *
+ * This header compiles as C99 and as C++.
+ */
+#ifndef VANTREL_WRAPPER_VANTREL_CLASS_H
+#define VANTREL_WRAPPER_VANTREL_CLASS_H
+
+#include <stddef.h>
+#include <stdint.h>
+#ifndef __cplusplus
+#include <stdbool.h>
+#endif
+
+#if defined(VANTREL_BUILDING_LIBRARY)
+#define VANTREL_API __attribute__((visibility("default")))
+#else
+#define VANTREL_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Public modulation code, carried in ExParamOut.mode. */
+typedef enum modulationTypeOut {
+    MOD_2FSK = 1,
+    MOD_4FSK = 2,
+    MOD_2FSK_B = 3,
+    MOD_BPSK = 4,
+    MOD_QPSK = 5,
+    MOD_8PSK = 6,
+    MOD_16QAM = 7,
+    MOD_ASK = 8,
+    MOD_64QAM = 9,
+    MOD_ANALOG_AM = 10,
+    MOD_ANALOG_FM = 11,
+    MOD_ANALOG_PM = 12,
+    MOD_ANALOG_SHIFT = 13,
+    MOD_ANALOG_I_A = 14,
+    MOD_ANALOG_I_B = 15,
+    MOD_128QAM = 16,
+    MOD_256QAM = 17,
+    MOD_32QAM = 18
+} modulationTypeOut;
+
+/* Internal modulation family derived from the public code. */
+typedef enum ModType {
+    MT_PSK = 0,
+    MT_QAM = 1,
+    MT_ASK = 2,
+    MT_FSK = 3,
+    MT_ANALOG = 4
+} ModType;
+
+/* Shaping and matched filter, carried in ExParamOut.filterType. */
+typedef enum FilterType {
+    FILTER_RRC = 1,      /* root raised cosine, roll-off in ExParamOut.rolloff */
+    FILTER_RC = 2,       /* raised cosine */
+    FILTER_GAUSS = 3,    /* Gaussian, bandwidth-time product in rolloff */
+    FILTER_RECT = 4,     /* rectangular */
+    FILTER_HALFSINE = 5  /* half sine */
+} FilterType;
+
+#pragma pack(push, 4)
+
+/* Parameters of one call (32 bytes). */
+typedef struct ExParamOut {
+    uint8_t reserved0[8]; /* never read by the library, copied through */
+    double Rb;            /* symbol rate, same unit as the sample rate */
+    uint32_t mode;        /* a modulationTypeOut value */
+    double rolloff;       /* roll-off, or BT of the Gaussian filter */
+    uint32_t filterType;  /* a FilterType value */
+} ExParamOut;
+
+/* Result record of one call (280 bytes). Counts are numbers of values
+ * written into the host's arrays. */
+typedef struct DisplayData {
+    double* eye;             /* eye-diagram trace */
+    uint32_t eyeLen;
+    double* constI;          /* constellation, in-phase */
+    double* constQ;          /* constellation, quadrature */
+    uint32_t constLen;
+    uint32_t* bits;          /* decided bits, one per element */
+    uint32_t bitsLen;
+    uint32_t* symbols;       /* decided symbol indices */
+    uint32_t symbolsLen;
+    double* evm;             /* error-vector magnitude per symbol */
+    uint32_t evmLen;
+    double evmRms;
+    double evmPeak;
+    double* phaseErr;        /* phase error per symbol, radians */
+    uint32_t phaseErrLen;
+    double phaseErrRms;      /* degrees after the summary statistics */
+    double phaseErrPeak;     /* signed extreme, degrees */
+    double* magErr;          /* magnitude error per symbol */
+    uint32_t magErrLen;
+    double magErrRms;
+    double magErrPeak;
+    double amDepth;          /* AM depth, ratio (analog AM) */
+    double fmPeakDev;        /* FM peak deviation, Hz (analog FM) */
+    double freqOffset;       /* coarse carrier offset, Hz */
+    double peakLevel;        /* spectral line level, dB; -1000 = not measured */
+    double modDepth;         /* ASK modulation depth */
+    double freqDeviation;    /* FSK deviation, Hz */
+    double iqOffset;         /* I/Q origin offset, raw int16 units */
+    double iqGainRatio;      /* I/Q amplitude ratio */
+    double quadError;        /* quadrature error, radians */
+    double* phaseTrace;      /* unwrapped, detrended phase (analog PM) */
+    uint32_t phaseTraceLen;
+    double* freqTrace;       /* instantaneous frequency, Hz (analog FM) */
+    uint32_t freqTraceLen;
+    double* envTrace;        /* envelope (analog AM) */
+    uint32_t envTraceLen;
+    double* iTrace;          /* in-phase waveform (analog I) */
+    uint32_t iTraceLen;
+    double* shiftedIQ;       /* carrier moved to 1000 Hz, re/im interleaved */
+    uint32_t shiftedIQLen;   /* twice the sample count */
+    double snr;              /* signal-to-noise ratio, dB */
+} DisplayData;
+
+#pragma pack(pop)
+
+/* Return codes of VantrelExcute. */
+#define VANTREL_OK 0
+#define VANTREL_TOO_SHORT 1          /* fewer than 2000 symbols in the block */
+#define VANTREL_BAD_ARGUMENT (-1)    /* invalid arguments or parameters */
+#define VANTREL_TOO_FEW_POINTS (-3)  /* fewer than 800 constellation points */
+#define VANTREL_NO_INSTANCE (-4)     /* unknown handle, or out of memory */
+
+/* Creates an instance and returns its handle: 0, 1, 2 ... in creation order,
+ * never reused. Returns -1 (and creates nothing) if memory runs out. */
+VANTREL_API int VantrelObjCreatSelfEncode(void);
+
+/* Liveness check: 0 if the handle names a live instance, -1 otherwise. */
+VANTREL_API int VantrelObjReset(int handle);
+
+/* Destroys an instance: 0 if one was destroyed, -1 otherwise. */
+VANTREL_API int VantrelObjRelease(int handle);
+
+/* Copies the 27-byte version text (with its terminating zero) into dst, which
+ * must hold at least 27 bytes, and returns 26. */
+VANTREL_API int GetALGVersion(char* dst);
+
+/* Analyses one block. I and Q hold inLen samples each; fsIn is their sample
+ * rate and fsMin the lowest rate the host accepts (same unit as param->Rb).
+ * init is only logged; dumpFlag non-zero writes the debug capture files
+ * "./Vantrel_Parameter.txt", "./Vantrel_IQData.bin" and "./Vantrel_const.txt"
+ * in the working directory. Returns one of the VANTREL_* codes above. */
+VANTREL_API int VantrelExcute(int handle, const int16_t* I, const int16_t* Q,
+                              uint32_t inLen, const ExParamOut* param,
+                              bool init, bool dumpFlag, DisplayData* out,
+                              double fsMin, double fsIn);
+
+/* The next handle to be given out. */
+VANTREL_API extern int objcount;
+
+#ifdef __cplusplus
+} /* extern "C" */
+#endif
+
+/* ---- Layout pins: the byte offsets of the boundary records. ---- */
+#if defined(__cplusplus)
+#define VANTREL_STATIC_ASSERT(cond, name) static_assert(cond, #name)
+#elif defined(__STDC_VERSION__) && __STDC_VERSION__ >= 201112L
+#define VANTREL_STATIC_ASSERT(cond, name) _Static_assert(cond, #name)
+#else
+#define VANTREL_STATIC_ASSERT(cond, name) \
+    typedef char vantrel_layout_##name[(cond) ? 1 : -1]
+#endif
+
+VANTREL_STATIC_ASSERT(sizeof(ExParamOut) == 32, ExParamOut_size);
+VANTREL_STATIC_ASSERT(offsetof(ExParamOut, Rb) == 8, ExParamOut_Rb);
+VANTREL_STATIC_ASSERT(offsetof(ExParamOut, mode) == 16, ExParamOut_mode);
+VANTREL_STATIC_ASSERT(offsetof(ExParamOut, rolloff) == 20, ExParamOut_rolloff);
+VANTREL_STATIC_ASSERT(offsetof(ExParamOut, filterType) == 28, ExParamOut_filterType);
+
+VANTREL_STATIC_ASSERT(sizeof(DisplayData) == 280, DisplayData_size);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, eye) == 0, DD_eye);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, eyeLen) == 8, DD_eyeLen);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, constI) == 12, DD_constI);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, constQ) == 20, DD_constQ);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, constLen) == 28, DD_constLen);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, bits) == 32, DD_bits);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, bitsLen) == 40, DD_bitsLen);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, symbols) == 44, DD_symbols);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, symbolsLen) == 52, DD_symbolsLen);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, evm) == 56, DD_evm);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, evmLen) == 64, DD_evmLen);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, evmRms) == 68, DD_evmRms);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, evmPeak) == 76, DD_evmPeak);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, phaseErr) == 84, DD_phaseErr);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, phaseErrLen) == 92, DD_phaseErrLen);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, phaseErrRms) == 96, DD_phaseErrRms);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, phaseErrPeak) == 104, DD_phaseErrPeak);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, magErr) == 112, DD_magErr);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, magErrLen) == 120, DD_magErrLen);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, magErrRms) == 124, DD_magErrRms);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, magErrPeak) == 132, DD_magErrPeak);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, amDepth) == 140, DD_amDepth);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, fmPeakDev) == 148, DD_fmPeakDev);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, freqOffset) == 156, DD_freqOffset);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, peakLevel) == 164, DD_peakLevel);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, modDepth) == 172, DD_modDepth);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, freqDeviation) == 180, DD_freqDeviation);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, iqOffset) == 188, DD_iqOffset);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, iqGainRatio) == 196, DD_iqGainRatio);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, quadError) == 204, DD_quadError);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, phaseTrace) == 212, DD_phaseTrace);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, phaseTraceLen) == 220, DD_phaseTraceLen);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, freqTrace) == 224, DD_freqTrace);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, freqTraceLen) == 232, DD_freqTraceLen);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, envTrace) == 236, DD_envTrace);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, envTraceLen) == 244, DD_envTraceLen);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, iTrace) == 248, DD_iTrace);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, iTraceLen) == 256, DD_iTraceLen);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, shiftedIQ) == 260, DD_shiftedIQ);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, shiftedIQLen) == 268, DD_shiftedIQLen);
+VANTREL_STATIC_ASSERT(offsetof(DisplayData, snr) == 272, DD_snr);
+
+/* ---- C++ only: the process-wide instance registry. ---- */
+#ifdef __cplusplus
+#include <map>
+class VantrelClass;
+/* Handle -> instance. Looking up an unknown handle with operator[] leaves a
+ * null entry behind; null means "no instance". */
+VANTREL_API extern std::map<int, VantrelClass*> VantrelObjCounter;
+#endif
+
+#endif /* VANTREL_WRAPPER_VANTREL_CLASS_H */

@@ -1,0 +1,13 @@
+#!/usr/bin/env bash
+# Builds and runs the whole test suite twice: a normal optimised build, then
+# the same tests under AddressSanitizer, UndefinedBehaviorSanitizer (with
+# float-cast-overflow) and LeakSanitizer.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+for preset in default sanitize; do
+  echo "=== $preset build ==="
+  cmake --preset "$preset" > /dev/null
+  cmake --build --preset "$preset" -j 2
+  echo "=== $preset tests ==="
+  ctest --preset "$preset"
+done
