@@ -40,6 +40,13 @@ Complex cubic_lagrange(Complex a, Complex b, Complex c, Complex d, double mu) {
 void CommonFun::FarrowInterp(const Complex* in, int n, double fs_out, double fs_in,
                              Complex* out, int* out_len) {
     const double step = fs_in / fs_out;
+    // A zero, negative or NaN step has no next output position (a zero step
+    // would repeat x(1) without end): nothing is produced and the state is
+    // kept. An infinite step (fs_out = 0) is fine and gives one sample.
+    if (!(step > 0)) {
+        *out_len = 0;
+        return;
+    }
     HeapArray<Complex> extended;
     const Complex* x = in;
     int N = n;
@@ -66,8 +73,8 @@ void CommonFun::FarrowInterp(const Complex* in, int n, double fs_out, double fs_
     const double mu0 = mu;
 
     // The position is recomputed from the origin for every output. The loop
-    // also stops on a position below x(1) or not a number (a negative, zero
-    // or NaN step), which could otherwise read before the block or never end.
+    // also stops on a position below x(1) or not a number (possible only
+    // from a corrupted stored state), which would read before the block.
     int m = 0;
     while (k >= 1 && k <= N - 2 && m < INT32_MAX) {
         out[m] = cubic_lagrange(sample_at(x, k - 1), sample_at(x, k), sample_at(x, k + 1),
