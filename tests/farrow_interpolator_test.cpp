@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <ostream>
 #include <limits>
 #include <random>
 #include <vector>
@@ -96,6 +97,10 @@ struct SplitCase {
     double fsOut;
     int split;
 };
+
+std::ostream& operator<<(std::ostream& os, const SplitCase& c) {
+    return os << c.fsIn << "->" << c.fsOut << " split " << c.split;
+}
 
 class FarrowStreaming : public ::testing::TestWithParam<SplitCase> {};
 

@@ -3,6 +3,7 @@
 
 #include <climits>
 #include <cmath>
+#include <ostream>
 #include <cstdlib>
 #include <random>
 #include <vector>
@@ -97,6 +98,8 @@ struct ShiftCase {
     std::vector<double> in;
     std::vector<double> expected;
 };
+
+std::ostream& operator<<(std::ostream& os, const ShiftCase& c) { return os << "n=" << c.in.size(); }
 
 class FftShift : public ::testing::TestWithParam<ShiftCase> {};
 

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <ostream>
 #include <limits>
 #include <vector>
 
@@ -39,6 +40,10 @@ struct RcosCase {
     double beta;
     int sps;
 };
+
+std::ostream& operator<<(std::ostream& os, const RcosCase& c) {
+    return os << c.shape << " beta " << c.beta << " sps " << c.sps;
+}
 
 class RaisedCosine : public ::testing::TestWithParam<RcosCase> {};
 

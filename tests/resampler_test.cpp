@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <ostream>
 #include <cstdint>
 #include <limits>
 #include <random>
@@ -22,6 +23,8 @@ struct FractionCase {
     std::int64_t num;
     std::int64_t den;
 };
+
+std::ostream& operator<<(std::ostream& os, const FractionCase& c) { return os << "x=" << c.x; }
 
 class RatioToFraction : public ::testing::TestWithParam<FractionCase> {};
 
@@ -104,6 +107,10 @@ struct SmallRatio {
     double fsIn;
     int L;  // expected interpolation factor (M = 1 here)
 };
+
+std::ostream& operator<<(std::ostream& os, const SmallRatio& r) {
+    return os << r.fsOut << "/" << r.fsIn;
+}
 
 class SmallRatioResample : public ::testing::TestWithParam<SmallRatio> {};
 
