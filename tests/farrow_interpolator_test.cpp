@@ -79,17 +79,6 @@ TEST_P(FarrowCubic, InterpolatesACubicExactly) {
 
 INSTANTIATE_TEST_SUITE_P(Steps, FarrowCubic, ::testing::Values(0.37, 1.0, 1.5, 2.5, 3.3));
 
-TEST(Farrow, ConstantStaysConstantAtHalfSamplePositions) {
-    std::vector<Complex> x(40, Complex{2.5, -1.25});
-    CommonFun cf;
-    const std::vector<Complex> y = run(cf, x, 2.0, 3.0);  // mu alternates 0 and 0.5
-    ASSERT_GT(y.size(), 10u);
-    for (const Complex& v : y) {
-        ASSERT_NEAR(v.re, 2.5, 1e-14);
-        ASSERT_NEAR(v.im, -1.25, 1e-14);
-    }
-}
-
 // Two calls on an initialised state continue the grid of one call on the
 // joined block: no gap, no repeated sample.
 struct SplitCase {

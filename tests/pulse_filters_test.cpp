@@ -127,15 +127,6 @@ TEST(Gaussian, UnitSumSymmetricAndMatchesClosedForm) {
     EXPECT_NEAR(sum, 1.0, 1e-6);
 }
 
-TEST(Gaussian, OddSpanIsCentred) {
-    CommonFun cf;
-    std::vector<float> h(3 * 4 + 1);
-    int len = 0;
-    cf.gaussdesignForC(0.3, 3, 4, h.data(), &len);
-    ASSERT_EQ(len, 13);
-    for (int i = 0; i < len; ++i) EXPECT_EQ(h[i], h[len - 1 - i]);
-}
-
 TEST(GetFilter, RectangularHalfSineAndUnknownTypes) {
     CommonFun cf;
     std::vector<float> h(49, -1.0f);
