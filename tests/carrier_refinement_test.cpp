@@ -4,6 +4,7 @@
 
 #include <climits>
 #include <cmath>
+#include <ostream>
 #include <limits>
 #include <vector>
 
@@ -47,6 +48,10 @@ struct PskCase {
     int mode;      // public code
     double offset; // residual carrier offset, Hz
 };
+
+void PrintTo(const PskCase& c, std::ostream* os) {
+    *os << c.order << "PSK_" << c.offset << "Hz";
+}
 
 class PskRefineTest : public ::testing::TestWithParam<PskCase> {};
 

@@ -3,6 +3,7 @@
 
 #include <climits>
 #include <cmath>
+#include <ostream>
 #include <cstdint>
 #include <limits>
 #include <vector>
@@ -46,6 +47,10 @@ struct ToneCase {
     int bin;    // tone position relative to the centre bin
     double fs;  // sample rate, Hz
 };
+
+void PrintTo(const ToneCase& c, std::ostream* os) {
+    *os << "bin" << c.bin << "_fs" << c.fs;
+}
 
 class CoarseToneTest : public ::testing::TestWithParam<ToneCase> {};
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <ostream>
 #include <cstdint>
 #include <vector>
 
@@ -33,6 +34,10 @@ struct Impairment {
     double skew;    // Q rail phase error, radians
     double dcI, dcQ;
 };
+
+void PrintTo(const Impairment& c, std::ostream* os) {
+    *os << "gain" << c.gainQ << "_skew" << c.skew << "_dc" << c.dcI << "," << c.dcQ;
+}
 
 class IqImpairmentTest : public ::testing::TestWithParam<Impairment> {};
 

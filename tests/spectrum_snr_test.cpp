@@ -3,6 +3,7 @@
 
 #include <climits>
 #include <cmath>
+#include <ostream>
 #include <cstdlib>
 #include <limits>
 #include <vector>
@@ -102,6 +103,10 @@ struct SnrCase {
     double esn0Db;
     double tolDb;
 };
+
+void PrintTo(const SnrCase& c, std::ostream* os) {
+    *os << "EsN0_" << c.esn0Db << "dB";
+}
 
 class QpskSnrTest : public ::testing::TestWithParam<SnrCase> {};
 

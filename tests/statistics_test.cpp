@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <ostream>
 #include <vector>
 
 #include "VantrelClass.h"
@@ -117,6 +118,10 @@ struct SpanCase {
     double expectRms;
     double expectPeak;
 };
+
+void PrintTo(const SpanCase& c, std::ostream* os) {
+    *os << "evm" << c.evmLen << "_mag" << c.magLen;
+}
 
 class MagnitudeSpanTest : public ::testing::TestWithParam<SpanCase> {};
 
