@@ -249,6 +249,31 @@ TEST(CalcSNR, FskBandCoversTheTwoTones) {
     }
 }
 
+// A flat block of equal lines over bins L..U (n = U - L + 1 of them) and no
+// noise. The mean power below k rises through the block and then falls, so
+// its maximum a sits at the top line; the mean power above k is largest just
+// below the block, b = L - 1. The band is then widened by e = floor((a - b)/3)
+// on each side: n + 2 floor(n/3) bins. The window's one-bin spill may move
+// each edge by a bin, hence +-3 bins.
+TEST(CalcSNR, CumulativeBandIsWidenedByAThirdEachSide) {
+    const int lo = -100, hi = 199;  // 300 lines, off centre
+    const int n = hi - lo + 1;
+    captures::Rng rng(31);
+    std::vector<Complex> x(kLen, Complex{0.0, 0.0});
+    for (int bin = lo; bin <= hi; ++bin) {
+        const double ph0 = captures::kTwoPi * rng.uniform();
+        for (int t = 0; t < kLen; ++t) {
+            const double ph = ph0 + captures::kTwoPi * bin * t / kLen;
+            x[t].re += std::cos(ph);
+            x[t].im += std::sin(ph);
+        }
+    }
+    const double fs = 3.0 * kLen;  // 3 Hz per bin
+    const Snr r = run_snr(x, fs, MT_FSK, 1.0);
+    EXPECT_NEAR(r.band / 3.0, n + 2 * (n / 3), 3.0);
+    EXPECT_GT(r.snr, 40.0);  // only window sidelobes lie outside the band
+}
+
 // Power only at the two ends of the spectrum: the mean below k peaks near the
 // bottom and the mean above k near the top, so a < b and there is no band.
 TEST(CalcSNR, FskWithoutAnInnerBandGivesZero) {
