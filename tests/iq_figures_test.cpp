@@ -76,21 +76,6 @@ INSTANTIATE_TEST_SUITE_P(
                       Impairment{1.0, 0.0, 300.0, -400.0}, // offset 500
                       Impairment{1.15, 0.1, -250.0, 120.0}));
 
-// Without DC the figures reduce to the textbook ones: ratio 1/g, error = skew.
-TEST(IqFigures, PlainGainAndSkewReadBackDirectly) {
-    const int n = 16384;
-    std::vector<std::int16_t> I(n), Q(n);
-    for (int k = 0; k < n; ++k) {
-        const double t = captures::kTwoPi * 101 * k / n;
-        I[k] = captures::to_i16(10000.0 * std::cos(t));
-        Q[k] = captures::to_i16(0.9 * 10000.0 * std::sin(t + 0.07));
-    }
-    const Figures f = measure(I, Q, n);
-    EXPECT_NEAR(f.gain, 1.0 / 0.9, 1e-4);
-    EXPECT_NEAR(f.quad, 0.07, 1e-4);
-    EXPECT_NEAR(f.offset, 0.0, 0.05);
-}
-
 TEST(IqFigures, DegenerateBlocks) {
     const int n = 500;
     std::vector<std::int16_t> zero(n, 0), ramp(n), neg(n);
