@@ -6,7 +6,7 @@
 #include "safe_convert.h"
 
 namespace {
-constexpr int kSpecLen = 16384;
+constexpr int kFftLen = 16384;
 }  // namespace
 
 // Raising a PSK signal to its order M (QAM: to the fourth power) removes the
@@ -37,26 +37,26 @@ void CommonFun::calcFc(const Complex* x, int n, double fs, ModType type, int ord
     const int family = static_cast<int>(type);
     HeapArray<Complex> y;
     if (family != MT_ASK && family != MT_FSK && family != MT_ANALOG) {
-        y = heap_zeroed<Complex>(kSpecLen);
+        y = heap_zeroed<Complex>(kFftLen);
     }
     if (!y) {
         *fc = 0;
         *level = 0.0;
         return;
     }
-    const int count = std::min(n, kSpecLen);
+    const int count = std::min(n, kFftLen);
     for (int k = 0; k < count; ++k) y[k] = x[k];
 
     double D;
     if (family == MT_QAM) {
-        for (int k = 0; k < kSpecLen; ++k) {
+        for (int k = 0; k < kFftLen; ++k) {
             const Complex sq = Complex_mul(y[k], y[k]);
             y[k] = Complex_mul(sq, sq);
         }
         D = 4;
     } else if (family == MT_PSK) {
         const double M = order;
-        for (int k = 0; k < kSpecLen; ++k) {
+        for (int k = 0; k < kFftLen; ++k) {
             const double r = Complex_abs(y[k]);
             const double theta = std::atan2(y[k].im, y[k].re);
             const double rM = std::pow(r, M);
@@ -69,12 +69,12 @@ void CommonFun::calcFc(const Complex* x, int n, double fs, ModType type, int ord
         return;
     }
 
-    fft_radix2(y.get(), kSpecLen);
-    fftshift_complex(y.get(), kSpecLen);
+    fft_radix2(y.get(), kFftLen);
+    fftshift_complex(y.get(), kFftLen);
 
     int peak = 0;
     double best = -1.0;
-    for (int k = 0; k < kSpecLen; ++k) {
+    for (int k = 0; k < kFftLen; ++k) {
         const double P = y[k].re * y[k].re + y[k].im * y[k].im;
         if (P > best) {
             best = P;

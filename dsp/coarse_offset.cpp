@@ -5,7 +5,7 @@
 #include "safe_convert.h"
 
 namespace {
-constexpr int kSpecLen = 16384;   // analysis length, FFT size
+constexpr int kFftLen = 16384;   // analysis length, FFT size
 constexpr int kCentreBin = 8192;  // zero frequency after the shift
 constexpr double kMinusTwoPi = -6.283185307179586;
 
@@ -43,8 +43,8 @@ int lowest_peak_index(const double* m, int n) {
 void CommonFun::calcdf(const short* I, const short* Q, int length, double fs,
                        modulationTypeOut type, int* df, double* level) {
     (void)length;
-    HeapArray<Complex> spec = heap_alloc<Complex>(kSpecLen);
-    HeapArray<double> mag = heap_alloc<double>(kSpecLen);
+    HeapArray<Complex> spec = heap_alloc<Complex>(kFftLen);
+    HeapArray<double> mag = heap_alloc<double>(kFftLen);
     if (!spec || !mag) {
         *df = 0;
         *level = -1000.0;
@@ -52,16 +52,16 @@ void CommonFun::calcdf(const short* I, const short* Q, int length, double fs,
     }
 
     // Raw samples: no scaling, no mean removal, no window.
-    for (int k = 0; k < kSpecLen; ++k) {
+    for (int k = 0; k < kFftLen; ++k) {
         spec[k] = Complex{static_cast<double>(I[k]), static_cast<double>(Q[k])};
     }
-    fft_radix2(spec.get(), kSpecLen);
-    fftshift_complex(spec.get(), kSpecLen);
-    for (int k = 0; k < kSpecLen; ++k) mag[k] = Complex_abs(spec[k]) / 16384.0;
+    fft_radix2(spec.get(), kFftLen);
+    fftshift_complex(spec.get(), kFftLen);
+    for (int k = 0; k < kFftLen; ++k) mag[k] = Complex_abs(spec[k]) / 16384.0;
 
     double weighted = 0.0;
     double total = 0.0;
-    for (int k = 0; k < kSpecLen; ++k) {
+    for (int k = 0; k < kFftLen; ++k) {
         const double power = mag[k] * mag[k];
         weighted += (k + 1) * power;
         total += power;
@@ -72,7 +72,7 @@ void CommonFun::calcdf(const short* I, const short* Q, int length, double fs,
 
     const int code = static_cast<int>(type);
     if (code == MOD_ASK || code == MOD_ANALOG_AM) {
-        const int p = lowest_peak_index(mag.get(), kSpecLen);
+        const int p = lowest_peak_index(mag.get(), kFftLen);
         lineLevel = 20.0 * std::log10(mag[p] + 1e-30);
         offset = (fs / 16384.0) * (p - kCentreBin);
     }

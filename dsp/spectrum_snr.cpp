@@ -6,9 +6,9 @@
 #include "safe_convert.h"
 
 namespace {
-constexpr int kSpecLen = 16384;
+constexpr int kFftLen = 16384;
 constexpr int kCentreBin = 8192;
-constexpr int kLastBin = kSpecLen - 1;
+constexpr int kLastBin = kFftLen - 1;
 
 bool is_power_of_two(int n) { return n > 0 && (n & (n - 1)) == 0; }
 
@@ -63,14 +63,14 @@ Band symbol_rate_band(const double* P, double Rb, double fs) {
 // its width on each side. Invalid (a < b) for a spectrum with no such shape.
 Band cumulative_power_band(const double* P, double* C, double fs) {
     C[0] = P[0];
-    for (int k = 1; k < kSpecLen; ++k) C[k] = C[k - 1] + P[k];
+    for (int k = 1; k < kFftLen; ++k) C[k] = C[k - 1] + P[k];
 
     int a = 1, b = 1;
     double bestA = C[1] / 1;
-    double bestB = (C[kLastBin] - C[1]) / (kSpecLen - 1);
-    for (int k = 2; k <= kSpecLen - 2; ++k) {
+    double bestB = (C[kLastBin] - C[1]) / (kFftLen - 1);
+    for (int k = 2; k <= kFftLen - 2; ++k) {
         const double A = C[k] / k;
-        const double B = (C[kLastBin] - C[k]) / (kSpecLen - k);
+        const double B = (C[kLastBin] - C[k]) / (kFftLen - k);
         if (A > bestA) {
             bestA = A;
             a = k;
@@ -148,11 +148,11 @@ double* CommonFun::pu(const Complex* in, int len, double fs, int N, int flag) {
 // Only param->Rb is read.
 void CommonFun::calcSNR(const Complex* in, int len, double fs, ModType family,
                         const ExParamOut* param, double* snrOut, double* bandOut) {
-    if (len < kSpecLen) {
+    if (len < kFftLen) {
         *snrOut = 0.0;
         return;
     }
-    HeapArray<double> P(pu(in, kSpecLen, fs, kSpecLen, 1));
+    HeapArray<double> P(pu(in, kFftLen, fs, kFftLen, 1));
     if (!P) {
         *snrOut = 0.0;
         return;
@@ -163,7 +163,7 @@ void CommonFun::calcSNR(const Complex* in, int len, double fs, ModType family,
     if (fam != MT_FSK && fam != MT_ANALOG) {
         band = symbol_rate_band(P.get(), param->Rb, fs);
     } else {
-        HeapArray<double> C = heap_zeroed<double>(kSpecLen);
+        HeapArray<double> C = heap_zeroed<double>(kFftLen);
         if (!C) {
             *snrOut = 0.0;
             return;
