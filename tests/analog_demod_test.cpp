@@ -130,6 +130,25 @@ TEST_F(Analog, ConstantToneGivesAFlatTraceAtItsOffset) {
     EXPECT_NEAR(peakDev, 0.0, 1e-6);
 }
 
+TEST_F(Analog, FmStepIsNormalisedByTheCurrentSamplePowerOnly) {
+    // Amplitude alternating 1, 2, 1, 2 with a constant step w: the cross
+    // product a b sin(w) over b^2 reads (a / b) sin(w), i.e. 2 sin(w) into a
+    // quiet sample and sin(w) / 2 into a loud one (a product of magnitudes in
+    // the denominator would give sin(w) for both).
+    const double fs = 10000, w = 0.05;
+    auto x = synth(400, [&](int i) { return polar(i % 2 ? 2.0 : 1.0, w * i); });
+    ASSERT_EQ(run(x, MOD_ANALOG_FM, fs, 100.0), 0);
+    const double toHz = fs / (2 * kPi);
+    for (int i = 1; i < 400; ++i) {
+        const double expected = (i % 2 ? 0.5 : 2.0) * std::sin(w) * toHz;
+        ASSERT_NEAR(host.rec.freqTrace[i], expected, 1e-9) << i;
+    }
+    EXPECT_EQ(host.rec.freqTrace[0], host.rec.freqTrace[1]);
+    // Half the spread between 2 sin(w) and sin(w) / 2, in Hz.
+    const double peakDev = host.rec.fmPeakDev;
+    EXPECT_NEAR(peakDev, 0.75 * std::sin(w) * toHz, 1e-9);
+}
+
 TEST_F(Analog, ZeroPowerSampleReadsZeroHertz) {
     const double fs = 8000;
     auto x = synth(100, [&](int i) { return polar(100, 0.2 * i); });
