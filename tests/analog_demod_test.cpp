@@ -260,13 +260,6 @@ TEST_F(Analog, RejectsBadArgumentsAndOtherCodesWithoutWriting) {
     EXPECT_TRUE(host.intact());
 }
 
-TEST_F(Analog, EntryResetClearsTheFrequencyTraceCarryOver) {
-    inst.commonFun.freqHavePrev = 1;
-    auto x = synth(10, [](int i) { return polar(1, 0.1 * i); });
-    ASSERT_EQ(run(x, MOD_ANALOG_I_A, 48000, 10), 0);
-    EXPECT_EQ(inst.commonFun.freqHavePrev, 0);
-}
-
 // ------------------------------------------------------ band-limit filter
 
 // The band ratio bounds are exclusive: exactly an eighth or a half of the
