@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <ostream>
 #include <limits>
 #include <vector>
 
@@ -54,6 +55,10 @@ struct TimingCase {
     double gainC1;
     double gainC2;
 };
+
+std::ostream& operator<<(std::ostream& os, const TimingCase& c) {
+    return os << c.M << "-PSK delay " << c.delay << " clock " << c.clock;
+}
 
 class GardnerLocks : public ::testing::TestWithParam<TimingCase> {};
 
