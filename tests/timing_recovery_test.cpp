@@ -202,6 +202,42 @@ TEST(Gardner, FewerThanFourSamplesAfterAlignmentStayInBounds) {
     EXPECT_EQ(r2.len, 0);
 }
 
+TEST(Gardner, NeverReturnsMoreThanTheWholeSymbols) {
+    // The transmitter runs 0.5 % fast, so the 3200 samples hold about 804
+    // symbols while the block counts S = 800 (or 799 after alignment); a loop
+    // fast enough to follow it is stopped by the symbol budget.
+    const auto sent = psktest::randomSectors(1000, 4, 2);
+    Shape sh;
+    sh.root = false;
+    sh.clock = 0.995;
+    const auto x = psktest::shape(sent, 4, 3200, sh);
+    CommonFun cf;
+    const TimingRun r = runGardner(cf, x, 4 * kRs, 0.01, 1e-5);
+    // The alignment offset, recovered from the tail (remainder + 4 samples).
+    const int offset = (4 - (cf.gardnerTailCount - 4)) % 4;
+    const int S = (3200 - offset) / 4;
+    EXPECT_EQ(r.len, S);
+    EXPECT_EQ(r.out[r.len].re, -99.0);
+}
+
+TEST(Gardner, ACarriedStrobeCounterPastTheBlockStopsAtOnce) {
+    // The resumed block is the 4-sample tail plus 80 samples, 21 symbols, so
+    // its strobe budget is 4 * 21 + 10 = 94 strobes; a
+    // resumed call whose carried counter is already past it stops on its
+    // first strobe, writes nothing and carries a fresh fractional interval.
+    std::vector<Complex> x(80, Complex{1.0, -1.0});
+    CommonFun cf;
+    runGardner(cf, x, 4 * kRs);
+    ASSERT_GT(cf.gardnerTailCount, 0);
+    cf.gardnerContinue = 1;
+    for (int strobe : {93, 94, 1000}) {
+        cf.gardnerStrobe = strobe;
+        const TimingRun r = runGardner(cf, x, 4 * kRs);
+        EXPECT_EQ(r.len, 0) << strobe;
+        EXPECT_EQ(cf.gardnerMu, 0.6) << strobe;
+    }
+}
+
 TEST(Gardner, DegenerateRatesLeaveTheCountUntouched) {
     std::vector<Complex> x(64, Complex{1.0, 0.0});
     std::vector<Complex> out(64);
