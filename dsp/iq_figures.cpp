@@ -1,0 +1,51 @@
+// I/Q impairment figures of the raw capture: origin offset, rail amplitude
+// ratio and quadrature error.
+#include <cmath>
+#include <cstdint>
+
+#include "CommonFun.h"
+
+// Measured on the n raw int16 samples, before any correction:
+//   mI, mQ      means                 -> iqOffset    = sqrt(mI^2 + mQ^2)  (int16 units)
+//   rI, rQ      RMS, means not removed -> iqGainRatio = rI / rQ          (1.0 if rQ = 0)
+//   xIQ         mean of I*Q           -> quadError   = asin(clamp(xIQ / (rI rQ), -1, 1))
+//                                                      radians, 0 if rI rQ = 0
+// The RMS figures keep the offset inside them on purpose. Each product of two
+// samples is formed exactly in 32-bit integers (|I Q| <= 2^30) and then added
+// to a double sum. n < 1 writes nothing. Only the three fields are written.
+void CommonFun::calcIQParams(const int16_t* I, const int16_t* Q, int n, DisplayData* out) {
+    if (n < 1) return;
+
+    double sumI = 0.0, sumQ = 0.0, sumII = 0.0, sumQQ = 0.0, sumIQ = 0.0;
+    for (int k = 0; k < n; ++k) {
+        const int32_t i = I[k];
+        const int32_t q = Q[k];
+        sumI += i;
+        sumQ += q;
+        sumII += static_cast<double>(i * i);
+        sumQQ += static_cast<double>(q * q);
+        sumIQ += static_cast<double>(i * q);
+    }
+
+    const double mI = sumI / n;
+    const double mQ = sumQ / n;
+    const double rI = std::sqrt(sumII / n);
+    const double rQ = std::sqrt(sumQQ / n);
+    const double xIQ = sumIQ / n;
+
+    const double offset = std::sqrt(mI * mI + mQ * mQ);
+    const double gainRatio = rQ == 0.0 ? 1.0 : rI / rQ;
+    double quad = 0.0;
+    if (rI * rQ != 0.0) {
+        double x = xIQ / (rI * rQ);
+        // Rounding can push a fully correlated pair just past +-1.
+        if (x < -1.0) x = -1.0;
+        if (x > 1.0) x = 1.0;
+        quad = std::asin(x);
+    }
+
+    // The record is packed: plain assignments, never pointers to its fields.
+    out->iqOffset = offset;
+    out->iqGainRatio = gainRatio;
+    out->quadError = quad;
+}
