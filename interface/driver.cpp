@@ -1,20 +1,178 @@
 // The analysis chain of one accepted call.
+//
+// Front end, on a toolkit object of its own so that nothing carries over from
+// the previous call: clear the record, estimate and remove the coarse carrier
+// offset, measure the I/Q impairments on the raw samples, bring digital
+// signals to four samples per symbol, measure SNR and occupied bandwidth.
+// Then the demodulator of the signal's family runs on the instance's own
+// toolkit, and for digital families the summary statistics over the last 800
+// symbols decide the outcome.
 #include "driver.h"
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+
+#include "resampler.h"
+#include "safe_convert.h"
+
+namespace {
+
+constexpr double kMinusTwoPi = -6.283185307179586;
+constexpr int kSnrLength = 16384;
+
+bool isDigital(ModType family) { return family != MT_ANALOG; }
+bool changesRate(ModType family) { return family != MT_FSK && family != MT_ANALOG; }
+
+// Capacity of the two work buffers, in Complex values: the larger of the
+// captured length and ceil(inLen * 4 Rb / fs), so one allocation serves the
+// captured block, the block at four samples per symbol and the fixed SNR
+// length. The resampler's own count is folded in as well: its fraction is
+// rounded to 1e-9 and can produce one sample more than the exact ratio.
+int64_t workCapacity(uint32_t inLen, double rb, double fs, ModType family) {
+    const double ratio = rb * 4 / fs;
+    int64_t cap = saturate_cast<int64_t>(std::ceil(inLen * ratio));
+    if (cap < static_cast<int64_t>(inLen)) cap = inLen;
+    if (changesRate(family) && fs / rb < 4) {
+        // Only the resampler can lengthen the block (the interpolator runs
+        // only above four samples per symbol and shortens it).
+        const int64_t produced = resample_output_count(static_cast<int>(inLen), 4 * rb, fs);
+        if (produced > cap) cap = produced;
+    }
+    return cap;
+}
+
+// Rate change to four samples per symbol: the Farrow interpolator from above,
+// the rational resampler from below. The result is copied back to the start
+// of `work`; `spare` is scratch of the same capacity.
+void toFourSamplesPerSymbol(CommonFun& fe, Complex* work, Complex* spare, uint32_t& n,
+                            double& fs, double rb) {
+    int produced = 0;
+    if (fs / rb > 4) {
+        fe.FarrowInterp(work, static_cast<int>(n), 4 * rb, fs, spare, &produced);
+        std::memcpy(work, spare, sizeof(Complex) * static_cast<size_t>(produced));
+        n = static_cast<uint32_t>(produced);
+        fs = 4 * rb;
+    }
+    if (fs / rb < 4) {
+        fe.resample(work, static_cast<int>(n), 4 * rb, fs, spare, &produced);
+        std::memcpy(work, spare, sizeof(Complex) * static_cast<size_t>(produced));
+        n = static_cast<uint32_t>(produced);
+        fs = 4 * rb;
+    }
+}
+
+// Removes the residual carrier fc (Hz) found by the refinement stage:
+// x[i] *= exp(j * (i / fs) * (fc * -2 pi)), products formed in that order.
+void removeResidualCarrier(Complex* work, uint32_t n, double fs, int fc) {
+    for (uint32_t i = 0; i < n; ++i) {
+        const double t = i / fs;
+        const double phi = t * (fc * kMinusTwoPi);
+        const double c = std::cos(phi);
+        const double s = std::sin(phi);
+        const double re = work[i].re;
+        const double im = work[i].im;
+        work[i].re = re * c - im * s;
+        work[i].im = im * c + re * s;
+    }
+}
+
+// Carrier refinement for PSK and QAM up to 64 points; the measured line level
+// replaces the coarse stage's figure.
+void refineCarrier(CommonFun& fe, Complex* work, uint32_t n, double fs, ModType family, int M,
+                   const ExParamOut& copy, DisplayData* out) {
+    int fc = 0;
+    double level = 0.0;
+    fe.calcFc(work, static_cast<int>(n), fs, family, M, copy, &fc, &level);
+    out->peakLevel = level;
+    removeResidualCarrier(work, n, fs, fc);
+}
+
+// Hands the block to the demodulator of its family. The demodulators' own
+// results are deliberately ignored: what they left in `out` decides.
+void dispatch(VantrelClass& inst, CommonFun& fe, Complex* work, uint32_t n, double fs,
+              ModType family, int M, double bandIn, DisplayData* out) {
+    const ExParamOut copy = inst.exParam;
+    const int len = static_cast<int>(n);
+    switch (family) {
+    case MT_PSK:
+        refineCarrier(fe, work, n, fs, MT_PSK, M, copy, out);
+        inst.demodPSK(work, len, fs, copy, out);
+        break;
+    case MT_QAM:
+        if (M != 128 && M != 256) {
+            refineCarrier(fe, work, n, fs, MT_QAM, M, copy, out);
+        }
+        break;
+    case MT_ANALOG:
+        inst.demodANALOG(work, len, fs, bandIn, copy, out);
+        break;
+    case MT_ASK:
+    case MT_FSK:
+        break;
+    }
+}
+
+// Appends the constellation, one "I , Q" line per point, to the debug file.
+void captureConstellation(const DisplayData* out) {
+    FILE* f = std::fopen("./Vantrel_const.txt", "ab+");
+    if (f == nullptr) return;
+    for (uint32_t k = 0; k < out->constLen; ++k) {
+        std::fprintf(f, "%1f , %1f\n", out->constI[k], out->constQ[k]);
+    }
+    std::fclose(f);
+}
+
+}  // namespace
 
 int runPipeline(VantrelClass& inst, const int16_t* I, const int16_t* Q, uint32_t inLen,
                 const ExParamOut* param, bool dumpFlag, DisplayData* out, double fsIn) {
-    (void)I;
-    (void)Q;
-    (void)inLen;
-    (void)param;
-    (void)dumpFlag;
-    (void)fsIn;
     initDisplay(out);
+
+    CommonFun frontEnd;  // constructed (mixer phase 0) and reset for this call
+    frontEnd.Reset();
     ModType family;
-    int order;
-    inst.commonFun.getDiscriminatorType(static_cast<modulationTypeOut>(inst.exParam.mode),
-                                        &family, &order);
-    // No demodulator is connected yet: digital families cannot reach 800
-    // constellation points, analog ones succeed with nothing to show.
-    return family == MT_ANALOG ? 0 : -3;
+    int M;
+    const modulationTypeOut mode = static_cast<modulationTypeOut>(inst.exParam.mode);
+    frontEnd.getDiscriminatorType(mode, &family, &M);
+
+    // Non-finite rates pass the entry's ordered comparisons. Nothing below can
+    // give them a meaning (sample counts, FFT bins and buffer sizes all derive
+    // from them), so the call is refused cleanly before anything is sized.
+    const double rb = inst.exParam.Rb;
+    if (!std::isfinite(fsIn) || (isDigital(family) && !std::isfinite(rb))) return -1;
+
+    double fs = fsIn;
+    uint32_t n = inLen;
+    int df = 0;
+    double level = 0.0;
+    frontEnd.calcdf(I, Q, static_cast<int>(inLen), fs, mode, &df, &level);
+    out->peakLevel = level;
+    out->freqOffset = static_cast<double>(df);
+    frontEnd.calcIQParams(I, Q, static_cast<int>(inLen), out);
+
+    const int64_t cap = isDigital(family) ? workCapacity(inLen, rb, fs, family) : inLen;
+    HeapArray<Complex> work = heap_alloc<Complex>(cap);
+    if (!work) return -4;
+    frontEnd.correctDF(I, Q, static_cast<int>(inLen), fs, df, work.get());
+
+    if (changesRate(family)) {
+        HeapArray<Complex> spare = heap_alloc<Complex>(cap);
+        if (!spare) return -4;  // `work` is released here too
+        toFourSamplesPerSymbol(frontEnd, work.get(), spare.get(), n, fs, rb);
+    }
+
+    double snr = 0.0;
+    double bandIn = 0.0;
+    frontEnd.calcSNR(work.get(), kSnrLength, fs, family, param, &snr, &bandIn);
+    out->snr = snr;
+
+    dispatch(inst, frontEnd, work.get(), n, fs, family, M, bandIn, out);
+
+    if (isDigital(family)) {
+        inst.calc_RMS_EVM(family, out);
+        if (out->constLen <= 799) return -3;
+    }
+    if (dumpFlag) captureConstellation(out);
+    return 0;
 }
