@@ -153,11 +153,15 @@ std::vector<Cplx> digitalWaveform(const Config& c, long Ns, Result& r) {
         for (double& v : h) v *= L / sum;
         for (double& v : re) v *= c.fskDeviationHz / alpha.outerLevel;
         scatterPulses(re, k0, L, h, nMin, xi);
+        // The phase integrates the frequency by the trapezoidal rule, so the
+        // centred difference arg(x[n+1] conj(x[n-1])) sees the frequency of
+        // sample n itself (no half-sample lag).
         const double fsIn = L * c.Rb;
         double phase = 0.0;
         for (std::size_t n = 0; n < x.size(); ++n) {
             x[n] = std::polar(1.0, phase);
-            phase = std::remainder(phase + 2.0 * kPi * xi[n] / fsIn, 2.0 * kPi);
+            const double next = n + 1 < x.size() ? xi[n + 1] : xi[n];
+            phase = std::remainder(phase + kPi * (xi[n] + next) / fsIn, 2.0 * kPi);
         }
     } else {
         scatterPulses(re, k0, L, h, nMin, xi);
