@@ -697,3 +697,16 @@ TEST(SiggenWriter, CaptureAndSidecarHoldSamplesAndTruth) {
     EXPECT_EQ(m["global"]["core:datatype"], "ci16_le");
     EXPECT_DOUBLE_EQ(m["global"]["core:sample_rate"].get<double>(), 200000.0);
 }
+
+#if defined(VANTREL_SIGGEN_CLI) && defined(VANTREL_SIGGEN_CLI_CHECK)
+TEST(SiggenCli, DemoCaptureTruthDeterminismAndClipStatus) {
+    ScratchDir dir;
+    ASSERT_FALSE(dir.path().empty());
+    const std::string cmd = std::string("bash ") + VANTREL_SIGGEN_CLI_CHECK + " " + VANTREL_SIGGEN_CLI +
+                            " " + dir.path() + "/cli > " + dir.path() + "/log.txt 2>&1";
+    const int status = std::system(cmd.c_str());
+    std::ifstream log(dir.path() + "/log.txt");
+    const std::string text((std::istreambuf_iterator<char>(log)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(status, 0) << text;
+}
+#endif

@@ -209,19 +209,20 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "vantrel-siggen: error: %s\n", e.what());
         return 2;
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "vantrel-siggen: %s\n", e.what());
+        std::fprintf(stderr, "vantrel-siggen: error: %s\n", e.what());
         return 1;
     }
     try {
         const auto names = sg::writeCapture(r, o.out, o.sigmf, joinArgs(argc, argv));
         if (!o.quiet) {
-            std::printf("%s: %zu samples at %.6g Hz, %zu symbols", sg::modeName(r.config.mode).c_str(),
-                        r.I.size(), r.fs, r.symbols.size());
-            std::printf("\n");
+            std::printf("%s: %zu samples at %.6g Hz", sg::modeName(r.config.mode).c_str(),
+                        r.I.size(), r.fs);
+            if (r.family != sg::Family::Analog) std::printf(", %zu symbols", r.symbols.size());
+            std::printf(", scale %.6g\n", r.scale);
             for (const std::string& n : names) std::printf("  wrote %s\n", n.c_str());
         }
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "vantrel-siggen: %s\n", e.what());
+        std::fprintf(stderr, "vantrel-siggen: error: %s\n", e.what());
         return 3;
     }
     return 0;
