@@ -169,6 +169,83 @@ VANTREL_API int VantrelExcute(int handle, const int16_t* I, const int16_t* Q,
 /* The next handle to be given out. */
 VANTREL_API extern int objcount;
 
+/* ---- Host buffer capacities ----
+ * The largest count the library can write into each DisplayData array for a
+ * block of inLen samples (inLen <= 320000 for any accepted call) analysed as
+ * `mode`. A host that sizes every array with these never sees a write past
+ * its buffers.
+ *
+ * Derivation. Digital blocks are analysed at four samples per symbol; since
+ * the entry accepts 1..64 samples per symbol, the block at that rate holds at
+ * most 4 * inLen + 2 samples, hence fewer than inLen symbols after the
+ * matched filter and the timing loop.
+ *  - PSK, FSK, QAM 16/32/64: decisions and displays use at most the last 800
+ *    symbols: 800 points and per-symbol values, 800 * bits-per-symbol bits
+ *    (PSK up to 3, FSK 2, QAM 4..6), an eye of 4 * 800 - 16 values.
+ *  - ASK: the constellation is limited to 800 points, but symbols, bits and
+ *    the EVM and magnitude arrays cover every equalised symbol (< inLen), and
+ *    the eye holds 4 per symbol.
+ *  - QAM 128/256: the display window is 2000 symbols (eye 4 * 2000 - 16); the
+ *    bit array holds the bits of every decided symbol, < inLen * 7 or 8.
+ *  - Analog: one trace value per sample (<= inLen), the shifted I/Q pairs
+ *    2 * inLen; no constellation, symbols or bits.
+ * Every code outside 1..18 is treated like PSK. */
+/* Bits per decided symbol (2-FSK is counted as 2, its four-level bound). */
+static inline uint32_t vantrel_max_bits_per_symbol(uint32_t mode) {
+    switch (mode) {
+    case MOD_2FSK: case MOD_2FSK_B: case MOD_4FSK: return 2;
+    case MOD_BPSK: case MOD_ASK: return 1;
+    case MOD_QPSK: return 2;
+    case MOD_8PSK: return 3;
+    case MOD_16QAM: return 4;
+    case MOD_32QAM: return 5;
+    case MOD_64QAM: return 6;
+    case MOD_128QAM: return 7;
+    case MOD_256QAM: return 8;
+    default: return 3;
+    }
+}
+
+static inline int vantrel_is_analog(uint32_t mode) {
+    return mode >= MOD_ANALOG_AM && mode <= MOD_ANALOG_I_B;
+}
+
+/* constI and constQ, each. */
+static inline uint32_t vantrel_capacity_constellation(uint32_t mode) {
+    if (vantrel_is_analog(mode)) return 0;
+    return (mode == MOD_128QAM || mode == MOD_256QAM) ? 2000u : 800u;
+}
+
+/* symbols, evm, magErr and phaseErr, each. */
+static inline uint32_t vantrel_capacity_symbols(uint32_t inLen, uint32_t mode) {
+    if (vantrel_is_analog(mode)) return 0;
+    if (mode == MOD_ASK) return inLen;
+    return vantrel_capacity_constellation(mode);
+}
+
+static inline uint32_t vantrel_capacity_bits(uint32_t inLen, uint32_t mode) {
+    if (vantrel_is_analog(mode)) return 0;
+    if (mode == MOD_ASK) return inLen;
+    if (mode == MOD_128QAM || mode == MOD_256QAM) return inLen * vantrel_max_bits_per_symbol(mode);
+    return 800u * vantrel_max_bits_per_symbol(mode);
+}
+
+static inline uint32_t vantrel_capacity_eye(uint32_t inLen, uint32_t mode) {
+    if (vantrel_is_analog(mode)) return 0;
+    if (mode == MOD_ASK) return 4u * inLen;
+    return 4u * vantrel_capacity_constellation(mode) - 16u;
+}
+
+/* phaseTrace, freqTrace, envTrace and iTrace, each. */
+static inline uint32_t vantrel_capacity_trace(uint32_t inLen, uint32_t mode) {
+    return vantrel_is_analog(mode) ? inLen : 0u;
+}
+
+/* shiftedIQ (real and imaginary interleaved). */
+static inline uint32_t vantrel_capacity_shifted_iq(uint32_t inLen, uint32_t mode) {
+    return vantrel_is_analog(mode) ? 2u * inLen : 0u;
+}
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

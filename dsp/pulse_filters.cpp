@@ -1,0 +1,248 @@
+// Pulse-shaping filter designs (raised cosine, root raised cosine, Gaussian,
+// rectangular, half-sine), the valid-part convolution and the matched filter.
+//
+// Coefficients are single-precision floats; the sample arithmetic is double.
+// A NaN filter parameter (the entry keeps a NaN roll-off as it is) is not
+// rejected: it yields NaN coefficients, every computation stays defined, and
+// the filtered block is NaN; nothing here converts a coefficient to an integer.
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+
+#include "CommonFun.h"
+#include "safe_convert.h"
+
+namespace {
+
+constexpr double kPi = 3.141592653589793;
+constexpr double kEps = 1e-12;
+
+// Length span*sps + 1 (or the odd length around its half) must fit an int and
+// describe at least one sample per symbol; other requests design nothing.
+bool valid_design(int span, int sps) {
+    return sps >= 1 && span >= 0 &&
+           static_cast<std::int64_t>(span) * sps + 1 <= static_cast<std::int64_t>(INT32_MAX);
+}
+
+// Raised-cosine impulse response at t symbols, for sps samples per symbol.
+double raised_cosine(double beta, double t, int sps) {
+    const double v = 2 * beta * t;
+    const double x = v * v;
+    if (std::fabs(1 - x) >= kEps) {
+        return sinc(t) * std::cos(kPi * beta * t) / (1 - x) / sps;
+    }
+    // t = +-1/(2 beta): the limit of the closed form.
+    return beta * std::sin(kPi / (2 * beta)) / (2 * sps);
+}
+
+// Root-raised-cosine impulse response at t symbols, with its limits at t = 0
+// and at t = +-1/(4 beta).
+double root_raised_cosine(double beta, double t, int sps) {
+    if (std::fabs(t) < kEps) {
+        return -(kPi * (beta - 1) - 4 * beta) / (kPi * sps);
+    }
+    const double b = 4 * beta * t;
+    if (std::fabs(std::fabs(b) - 1) < kEps) {
+        return (kPi * (beta + 1) * std::sin(kPi * (beta + 1) / (4 * beta)) -
+                4 * beta * std::sin(kPi * (beta - 1) / (4 * beta)) +
+                kPi * (beta - 1) * std::cos(kPi * (beta - 1) / (4 * beta))) /
+               (2 * kPi * sps);
+    }
+    return -(4 * beta / sps) *
+           (std::cos((1 + beta) * kPi * t) + std::sin((1 - beta) * kPi * t) / b) /
+           (kPi * (b * b - 1));
+}
+
+}  // namespace
+
+// Raised cosine (shape beginning with 'n' or 'N') or root raised cosine
+// (any other shape) over `span` symbols at `sps` samples per symbol:
+// len = 2 * ((span * sps) / 2) + 1 taps centred on index len / 2 (delay
+// (len - 1) / 2 samples), t = (i - half) / sps symbols, normalised to unit
+// energy sum(h^2) = 1 (each square formed in float, summed in double) unless
+// the energy is negligible. h holds at least span * sps + 1 floats; *len gets
+// the tap count (0 when span < 0, sps < 1 or the length overflows).
+void CommonFun::rcosdesignForC(double beta, int span, int sps, const char* shape, float* h,
+                               int* len) {
+    if (!valid_design(span, sps)) {
+        *len = 0;
+        return;
+    }
+    const int half = (span * sps) / 2;
+    const int count = 2 * half + 1;
+    *len = count;
+    const bool normal = shape != nullptr && (shape[0] == 'n' || shape[0] == 'N');
+    for (int i = 0; i < count; ++i) {
+        const double t = static_cast<double>(i - half) / sps;
+        const double v = normal ? raised_cosine(beta, t, sps) : root_raised_cosine(beta, t, sps);
+        h[i] = static_cast<float>(v);
+    }
+    double energy = 0.0;
+    for (int i = 0; i < count; ++i) {
+        const float sq = h[i] * h[i];
+        energy += sq;
+    }
+    const double norm = std::sqrt(energy);
+    if (norm > 1e-12) {
+        for (int i = 0; i < count; ++i) h[i] = static_cast<float>(h[i] / norm);
+    }
+}
+
+// Gaussian pulse of bandwidth-time product bt over `span` symbols at `sps`
+// samples per symbol: len = sps * span + 1 taps,
+//   h(t) = (sqrt(pi) / a) exp(-(pi t / a)^2),  a = sqrt(ln 2 / 2) / bt,
+// t = -span/2 + i/sps symbols (centred for odd spans too), scaled to unit
+// DC gain by the sum of the double values when that sum is positive.
+// *len gets the tap count (0 when span < 0, sps < 1 or the length overflows).
+void CommonFun::gaussdesignForC(double bt, int span, int sps, float* h, int* len) {
+    if (!valid_design(span, sps)) {
+        *len = 0;
+        return;
+    }
+    const int count = sps * span + 1;
+    *len = count;
+    const double a = 0.5887050112577373 / bt;
+    const double c = 1.7724538509055159 / a;
+    double sum = 0.0;
+    for (int i = 0; i < count; ++i) {
+        const double t = -span / 2.0 + static_cast<double>(i) / sps;
+        const double v = kPi * t / a;
+        const double value = c * std::exp(-(v * v));
+        h[i] = static_cast<float>(value);
+        sum += value;
+    }
+    if (sum > 0) {
+        for (int i = 0; i < count; ++i) h[i] = static_cast<float>(h[i] / sum);
+    }
+}
+
+// Designs the pulse named by `type` into h and its length into *len:
+// RRC and RC over `span` symbols (beta the roll-off), Gaussian (beta the BT
+// product), rectangular (sps + 1 ones) or half-sine (sin(i pi / sps),
+// i = 0 .. sps, both ends 0); the last two are not normalised. *err is 0, or
+// -1 with *len = 0 for an unknown type.
+void CommonFun::getFilter(FilterType type, double beta, int span, int sps, float* h, int* len,
+                          int* err) {
+    *err = 0;
+    switch (static_cast<int>(type)) {
+    case FILTER_RRC:
+        rcosdesignForC(beta, span, sps, "sqrt", h, len);
+        return;
+    case FILTER_RC:
+        rcosdesignForC(beta, span, sps, "normal", h, len);
+        return;
+    case FILTER_GAUSS:
+        gaussdesignForC(beta, span, sps, h, len);
+        return;
+    case FILTER_RECT:
+    case FILTER_HALFSINE:
+        if (sps < 1 || sps == INT32_MAX) {
+            *len = 0;
+            return;
+        }
+        *len = sps + 1;
+        for (int i = 0; i <= sps; ++i) {
+            h[i] = type == FILTER_RECT ? 1.0f : static_cast<float>(std::sin(i * kPi / sps));
+        }
+        return;
+    default:
+        *err = -1;
+        *len = 0;
+        return;
+    }
+}
+
+// Valid part of the correlation of a complex block with a real filter:
+//   y[i] = sum_{j=0}^{L-1} x[i + j] h[j],  i = 0 .. n - L,
+// so *ylen = n - L + 1 (0 when the block is shorter than the filter). For a
+// symmetric pulse this is the convolution with its delay (L - 1)/2 removed.
+void CommonFun::conv2_complex(const Complex* x, int n, const float* h, int L, Complex* y,
+                              int* ylen) {
+    if (L < 1 || n - L + 1 <= 0) {
+        *ylen = 0;
+        return;
+    }
+    const int count = n - L + 1;
+    for (int i = 0; i < count; ++i) {
+        Complex sum{0.0, 0.0};
+        for (int j = 0; j < L; ++j) {
+            sum.re += x[i + j].re * h[j];
+            sum.im += x[i + j].im * h[j];
+        }
+        y[i] = sum;
+    }
+    *ylen = count;
+}
+
+// Receive filter of the digital demodulators: the pulse of param.filterType
+// (parameter param.rolloff) over 12 symbols at sps = floor(fs / Rb) (at least
+// 1), applied by conv2_complex, so out[i] lines up with in[i + (L - 1)/2] and
+// out_len = n - L + 1 (0 for n <= 0, an unknown filter, a failed allocation or
+// a block shorter than the filter). Each block is filtered on its own: the
+// history bookkeeping below always ends with an empty history.
+void CommonFun::matchFilter(const Complex* in, int n, double fs, ExParamOut param, Complex* out,
+                            int& out_len) {
+    if (n <= 0) {
+        out_len = 0;
+        return;
+    }
+    const double rb = param.Rb;
+    const double rolloff = param.rolloff;
+    int sps = floor_to_int(fs / rb);
+    if (sps < 1) sps = 1;
+    const int span = 12;
+    // A rate ratio so large that 12 * sps + 1 leaves the int range cannot be
+    // filtered (the block would be shorter than the filter anyway).
+    if (static_cast<std::int64_t>(span) * sps + 1 > INT32_MAX) {
+        out_len = 0;
+        return;
+    }
+    int L = span * sps + 1;
+    HeapArray<float> h = heap_alloc<float>(L);
+    if (!h) {
+        out_len = 0;
+        return;
+    }
+    // Only codes of the enumeration are converted to it; any other code is
+    // passed as 0, which getFilter rejects like every unknown type.
+    const std::uint32_t code = param.filterType;
+    const FilterType type =
+        code >= FILTER_RRC && code <= FILTER_HALFSINE ? static_cast<FilterType>(code)
+                                                      : static_cast<FilterType>(0);
+    int err = 0;
+    getFilter(type, rolloff, span, sps, h.get(), &L, &err);
+    if (err != 0 || L <= 0) {
+        out_len = 0;
+        return;
+    }
+
+    // History bookkeeping: the history used for this block is always empty.
+    const int histLen = 0;
+    if (!mfInitialised) {
+        mfHistLen = L - 1;
+        mfHistRe = heap_alloc<double>(0);
+        mfHistIm = heap_alloc<double>(0);
+        mfFilterLen = L;
+        mfInitialised = 1;
+    } else if (mfHistLen != 0) {
+        mfHistRe = heap_alloc<double>(0);
+        mfHistIm = heap_alloc<double>(0);
+        mfHistLen = 0;
+    }
+
+    const int total = histLen + n;
+    HeapArray<Complex> work = heap_alloc<Complex>(total);
+    HeapArray<Complex> filtered = heap_alloc<Complex>(total);
+    if (!work || !filtered) {
+        out_len = 0;
+        return;
+    }
+    std::memcpy(work.get(), in, sizeof(Complex) * static_cast<size_t>(n));
+    int ylen = 0;
+    conv2_complex(work.get(), total, h.get(), L, filtered.get(), &ylen);
+    if (ylen > 0) {
+        std::memcpy(out, filtered.get(), sizeof(Complex) * static_cast<size_t>(ylen));
+    }
+    out_len = ylen;
+    // The history would be refilled here from the last histLen (= 0) samples.
+}
