@@ -319,8 +319,8 @@ TEST(SiggenResampler, PassbandRippleAndStopbandRejectionAsDocumented) {
         EXPECT_LT(err, 2.5e-5) << "passband " << f;
     }
     for (double f = 0.6; f * fOut <= 0.5; f += 0.05) {
-        EXPECT_LT(gainDb(f * fOut).first, -90.0) << "stopband " << f;
-        EXPECT_LT(gainDb(-f * fOut).first, -90.0) << "stopband " << -f;
+        EXPECT_LT(gainDb(f * fOut).first, -95.0) << "stopband " << f;
+        EXPECT_LT(gainDb(-f * fOut).first, -95.0) << "stopband " << -f;
     }
 }
 
@@ -476,7 +476,7 @@ std::ostream& operator<<(std::ostream& os, const NoiseCase& c) {
 class SiggenNoise : public ::testing::TestWithParam<NoiseCase> {};
 
 // Tolerance 0.05 dB: over 200000 complex samples the noise power itself
-// scatters by about 0.01 dB (one standard deviation).
+// scatters by 0.014 dB RMS (0.036 dB at worst over 20 seeds).
 TEST_P(SiggenNoise, RequestedRatioIsWhatTheSamplesShow) {
     const NoiseCase nc = GetParam();
     sg::Config c = digital(nc.mode, nc.sps, sg::kRRC);
