@@ -15,10 +15,10 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
-#include "resampler.h"
+#include "siggen_resampler.h"
 #include "siggen.h"
 #include "test_support.h"
-#include "writer.h"
+#include "siggen_writer.h"
 
 namespace sg = vantrel::siggen;
 using Cplx = std::complex<double>;

@@ -4,7 +4,7 @@
 #include <memory>
 #include <sstream>
 
-#include "resampler.h"
+#include "siggen_resampler.h"
 #include "safe_convert.h"
 #include "siggen.h"
 

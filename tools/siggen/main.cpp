@@ -14,7 +14,7 @@
 #include <string>
 
 #include "siggen.h"
-#include "writer.h"
+#include "siggen_writer.h"
 
 namespace sg = vantrel::siggen;
 

@@ -43,7 +43,7 @@
 //
 // Resampling (non-integer sps): the pulses are generated at L = 2*ceil(sps)
 // samples per symbol and interpolated to sps by a Kaiser-windowed sinc
-// polyphase filter (see resampler.h): passband ripple within +/-0.0001 dB up
+// polyphase filter (see siggen_resampler.h): passband ripple within +/-0.0001 dB up
 // to 0.4*fs_out, stopband rejection at least 99 dB beyond 0.6*fs_out.
 #pragma once
 

@@ -1,5 +1,5 @@
 // Capture files and their JSON truth, written with nlohmann::json.
-#include "writer.h"
+#include "siggen_writer.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,5 +1,5 @@
-// Kaiser-windowed sinc interpolator (see resampler.h for the design).
-#include "resampler.h"
+// Kaiser-windowed sinc interpolator (see siggen_resampler.h for the design).
+#include "siggen_resampler.h"
 
 #include <cmath>
 #include <stdexcept>
