@@ -293,7 +293,7 @@ TEST(SiggenPulse, RectanglesTileAndHalfSinesTouchOnlyAtZeros) {
 
 // ---- Resampler ----
 
-TEST(SiggenResampler, PassbandRippleAndStopbandRejectionAsDocumented) {
+TEST(SiggenResampler, PassbandRippleAndStopbandRejectionHoldTheirBounds) {
     const double step = 12.0 / 5.5;  // 5.5 samples per symbol from 12
     const sg::Resampler rs(step);
     const int nIn = 6000;
