@@ -1,0 +1,131 @@
+#include "analysis_report.h"
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+
+namespace vantrel::analyzer {
+
+namespace {
+
+constexpr size_t kMaxSamples = 320000;
+
+const char* codeMeaning(int code) {
+    switch (code) {
+    case 0: return "success";
+    case 1: return "block shorter than 2000 symbols";
+    case -1: return "invalid arguments";
+    case -3: return "fewer than 800 constellation points";
+    case -4: return "unknown handle or out of memory";
+    default: return "unknown code";
+    }
+}
+
+void line(std::ostringstream& os, const char* name, double value, const char* unit) {
+    char buf[128];
+    std::snprintf(buf, sizeof buf, "  %-16s %14.4f %s\n", name, value, unit);
+    os << buf;
+}
+
+}  // namespace
+
+Result analyse(const Request& request, bool dump) {
+    Result r;
+    const size_t n = kMaxSamples;
+    for (auto* v : {&r.eye, &r.constI, &r.constQ, &r.evm, &r.phaseErr, &r.magErr, &r.phaseTrace,
+                    &r.freqTrace, &r.envTrace, &r.iTrace})
+        v->assign(4 * n, 0.0);
+    r.shiftedIQ.assign(2 * n, 0.0);
+    r.bits.assign(8 * n, 0);
+    r.symbols.assign(n, 0);
+    DisplayData& d = r.record;
+    d.eye = r.eye.data();
+    d.constI = r.constI.data();
+    d.constQ = r.constQ.data();
+    d.bits = r.bits.data();
+    d.symbols = r.symbols.data();
+    d.evm = r.evm.data();
+    d.phaseErr = r.phaseErr.data();
+    d.magErr = r.magErr.data();
+    d.phaseTrace = r.phaseTrace.data();
+    d.freqTrace = r.freqTrace.data();
+    d.envTrace = r.envTrace.data();
+    d.iTrace = r.iTrace.data();
+    d.shiftedIQ = r.shiftedIQ.data();
+
+    const int handle = VantrelObjCreatSelfEncode();
+    r.code = VantrelExcute(handle, request.I.data(), request.Q.data(),
+                           static_cast<uint32_t>(request.I.size()), &request.param, false, dump,
+                           &d, request.fsMin, request.fs);
+    VantrelObjRelease(handle);
+    return r;
+}
+
+std::string report(const Request& request, const Result& result) {
+    const DisplayData& d = result.record;
+    std::ostringstream os;
+    char head[256];
+    std::snprintf(head, sizeof head,
+                  "capture: %zu samples, fs %.1f Hz, Rb %.1f Bd, mode %u, filter %u, "
+                  "roll-off %.3f\nreturn code %d (%s)\n",
+                  request.I.size(), request.fs, double(request.param.Rb),
+                  unsigned(request.param.mode), unsigned(request.param.filterType),
+                  double(request.param.rolloff), result.code, codeMeaning(result.code));
+    os << head;
+    os << "front end\n";
+    line(os, "freqOffset", d.freqOffset, "Hz");
+    line(os, "peakLevel", d.peakLevel, "dB");
+    line(os, "snr", d.snr, "dB");
+    line(os, "iqOffset", d.iqOffset, "(raw units)");
+    line(os, "iqGainRatio", d.iqGainRatio, "");
+    line(os, "quadError", d.quadError, "rad");
+    if (d.constLen > 0 || d.evmLen > 0) {
+        os << "modulation quality (last 800 symbols)\n";
+        line(os, "evmRms", d.evmRms, "%");
+        line(os, "evmPeak", d.evmPeak, "%");
+        line(os, "magErrRms", d.magErrRms, "%");
+        line(os, "magErrPeak", d.magErrPeak, "%");
+        line(os, "phaseErrRms", d.phaseErrRms, "deg");
+        line(os, "phaseErrPeak", d.phaseErrPeak, "deg");
+        line(os, "modDepth", d.modDepth, "");
+        line(os, "freqDeviation", d.freqDeviation, "Hz");
+        char counts[200];
+        std::snprintf(counts, sizeof counts,
+                      "  counts: constellation %u, eye %u, bits %u, symbols %u, evm %u\n",
+                      d.constLen, d.eyeLen, d.bitsLen, d.symbolsLen, d.evmLen);
+        os << counts;
+    }
+    if (d.envTraceLen + d.freqTraceLen + d.phaseTraceLen + d.iTraceLen + d.shiftedIQLen > 0) {
+        os << "analog\n";
+        line(os, "amDepth", d.amDepth, "");
+        line(os, "fmPeakDev", d.fmPeakDev, "Hz");
+        char counts[200];
+        std::snprintf(counts, sizeof counts,
+                      "  traces: envelope %u, frequency %u, phase %u, in-phase %u, shifted %u\n",
+                      d.envTraceLen, d.freqTraceLen, d.phaseTraceLen, d.iTraceLen,
+                      d.shiftedIQLen);
+        os << counts;
+    }
+    return os.str();
+}
+
+bool readCapture(const std::string& path, std::vector<int16_t>& I, std::vector<int16_t>& Q) {
+    std::ifstream f(path, std::ios::binary);
+    if (!f) return false;
+    std::vector<int16_t> raw;
+    int16_t pair[2];
+    while (f.read(reinterpret_cast<char*>(pair), sizeof pair)) {
+        raw.push_back(pair[0]);
+        raw.push_back(pair[1]);
+        if (raw.size() > 2 * kMaxSamples + 2) break;  // longer than any accepted block
+    }
+    I.clear();
+    Q.clear();
+    for (size_t k = 0; k + 1 < raw.size(); k += 2) {
+        I.push_back(raw[k]);
+        Q.push_back(raw[k + 1]);
+    }
+    return true;
+}
+
+}  // namespace vantrel::analyzer

@@ -1,0 +1,37 @@
+// One analysis call as a host makes it, and the printed report.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "wrapperVantrelClass.h"
+
+namespace vantrel::analyzer {
+
+struct Request {
+    std::vector<int16_t> I, Q;
+    double fs = 0;
+    double fsMin = 0;
+    ExParamOut param{};
+};
+
+// Host-owned result arrays sized for the largest block the library accepts.
+struct Result {
+    int code = 0;
+    DisplayData record{};
+    std::vector<double> eye, constI, constQ, evm, phaseErr, magErr, phaseTrace, freqTrace,
+        envTrace, iTrace, shiftedIQ;
+    std::vector<uint32_t> bits, symbols;
+};
+
+// Creates an instance, analyses the block, releases the instance.
+Result analyse(const Request& request, bool dump);
+
+// The figures an instrument displays, one per line.
+std::string report(const Request& request, const Result& result);
+
+// Reads interleaved native int16 I,Q samples; false on error.
+bool readCapture(const std::string& path, std::vector<int16_t>& I, std::vector<int16_t>& Q);
+
+}  // namespace vantrel::analyzer
