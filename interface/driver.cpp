@@ -125,52 +125,60 @@ void captureConstellation(const DisplayData* out) {
 
 }  // namespace
 
-int runPipeline(VantrelClass& inst, const int16_t* I, const int16_t* Q, uint32_t inLen,
-                const ExParamOut* param, bool dumpFlag, DisplayData* out, double fsIn) {
+int runFrontEnd(CommonFun& frontEnd, const ExParamOut& copy, const int16_t* I, const int16_t* Q,
+                uint32_t inLen, const ExParamOut* param, DisplayData* out, double fsIn,
+                FrontEndBlock& block) {
     initDisplay(out);
-
-    CommonFun frontEnd;  // constructed (mixer phase 0) and reset for this call
-    frontEnd.Reset();
-    ModType family;
-    int M;
-    const modulationTypeOut mode = static_cast<modulationTypeOut>(inst.exParam.mode);
-    frontEnd.getDiscriminatorType(mode, &family, &M);
+    const modulationTypeOut mode = static_cast<modulationTypeOut>(copy.mode);
+    frontEnd.getDiscriminatorType(mode, &block.family, &block.order);
 
     // Non-finite rates pass the entry's ordered comparisons. Nothing below can
     // give them a meaning (sample counts, FFT bins and buffer sizes all derive
     // from them), so the call is refused cleanly before anything is sized.
-    const double rb = inst.exParam.Rb;
-    if (!std::isfinite(fsIn) || (isDigital(family) && !std::isfinite(rb))) return -1;
+    const double rb = copy.Rb;
+    if (!std::isfinite(fsIn) || (isDigital(block.family) && !std::isfinite(rb))) return -1;
 
-    double fs = fsIn;
-    uint32_t n = inLen;
+    block.fs = fsIn;
+    block.n = inLen;
     int df = 0;
     double level = 0.0;
-    frontEnd.calcdf(I, Q, static_cast<int>(inLen), fs, mode, &df, &level);
+    frontEnd.calcdf(I, Q, static_cast<int>(inLen), block.fs, mode, &df, &level);
     out->peakLevel = level;
     out->freqOffset = static_cast<double>(df);
     frontEnd.calcIQParams(I, Q, static_cast<int>(inLen), out);
 
-    const int64_t cap = isDigital(family) ? workCapacity(inLen, rb, fs, family) : inLen;
-    HeapArray<Complex> work = heap_alloc<Complex>(cap);
-    if (!work) return -4;
-    frontEnd.correctDF(I, Q, static_cast<int>(inLen), fs, df, work.get());
+    block.capacity =
+        isDigital(block.family) ? workCapacity(inLen, rb, block.fs, block.family) : inLen;
+    block.work = heap_alloc<Complex>(block.capacity);
+    if (!block.work) return -4;
+    frontEnd.correctDF(I, Q, static_cast<int>(inLen), block.fs, df, block.work.get());
 
-    if (changesRate(family)) {
-        HeapArray<Complex> spare = heap_alloc<Complex>(cap);
-        if (!spare) return -4;  // `work` is released here too
-        toFourSamplesPerSymbol(frontEnd, work.get(), spare.get(), n, fs, rb);
+    if (changesRate(block.family)) {
+        HeapArray<Complex> spare = heap_alloc<Complex>(block.capacity);
+        if (!spare) return -4;  // the work buffer is released with the block
+        toFourSamplesPerSymbol(frontEnd, block.work.get(), spare.get(), block.n, block.fs, rb);
     }
 
     double snr = 0.0;
-    double bandIn = 0.0;
-    frontEnd.calcSNR(work.get(), kSnrLength, fs, family, param, &snr, &bandIn);
+    frontEnd.calcSNR(block.work.get(), kSnrLength, block.fs, block.family, param, &snr,
+                     &block.bandIn);
     out->snr = snr;
+    return 0;
+}
 
-    dispatch(inst, frontEnd, work.get(), n, fs, family, M, bandIn, out);
+int runPipeline(VantrelClass& inst, const int16_t* I, const int16_t* Q, uint32_t inLen,
+                const ExParamOut* param, bool dumpFlag, DisplayData* out, double fsIn) {
+    CommonFun frontEnd;  // constructed (mixer phase 0) and reset for this call
+    frontEnd.Reset();
+    FrontEndBlock block;
+    const int code = runFrontEnd(frontEnd, inst.exParam, I, Q, inLen, param, out, fsIn, block);
+    if (code != 0) return code;
 
-    if (isDigital(family)) {
-        inst.calc_RMS_EVM(family, out);
+    dispatch(inst, frontEnd, block.work.get(), block.n, block.fs, block.family, block.order,
+             block.bandIn, out);
+
+    if (isDigital(block.family)) {
+        inst.calc_RMS_EVM(block.family, out);
         if (out->constLen <= 799) return -3;
     }
     if (dumpFlag) captureConstellation(out);
