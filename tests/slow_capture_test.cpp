@@ -70,7 +70,9 @@ TEST_P(SlowCapture, QpskDemodulatesAndSixteenQamRunsTheFrontEnd) {
     // then 10, 22, 36 and 49 % at 3.6, 3.7, 3.8 and 3.9. Decisions are
     // exact up to 3.5; just below 4 the call still completes.
     EXPECT_EQ(m.compared, 800);
-    if (sps <= 3.5) EXPECT_EQ(m.errors, 0);
+    if (sps <= 3.5) {
+        EXPECT_EQ(m.errors, 0);
+    }
 
     // 16-QAM: the front end and the carrier refinement run at every ratio;
     // the QAM demodulator is not connected yet, so no constellation comes out.
