@@ -43,9 +43,9 @@ int lowest_peak_index(const double* m, int n) {
 void CommonFun::calcdf(const short* I, const short* Q, int length, double fs,
                        modulationTypeOut type, int* df, double* level) {
     (void)length;
-    HeapArray<Complex> spec = heap_alloc<Complex>(kFftLen);
+    HeapArray<Complex> spectrum = heap_alloc<Complex>(kFftLen);
     HeapArray<double> mag = heap_alloc<double>(kFftLen);
-    if (!spec || !mag) {
+    if (!spectrum || !mag) {
         *df = 0;
         *level = -1000.0;
         return;
@@ -53,11 +53,11 @@ void CommonFun::calcdf(const short* I, const short* Q, int length, double fs,
 
     // Raw samples: no scaling, no mean removal, no window.
     for (int k = 0; k < kFftLen; ++k) {
-        spec[k] = Complex{static_cast<double>(I[k]), static_cast<double>(Q[k])};
+        spectrum[k] = Complex{static_cast<double>(I[k]), static_cast<double>(Q[k])};
     }
-    fft_radix2(spec.get(), kFftLen);
-    fftshift_complex(spec.get(), kFftLen);
-    for (int k = 0; k < kFftLen; ++k) mag[k] = Complex_abs(spec[k]) / 16384.0;
+    fft_radix2(spectrum.get(), kFftLen);
+    fftshift_complex(spectrum.get(), kFftLen);
+    for (int k = 0; k < kFftLen; ++k) mag[k] = Complex_abs(spectrum[k]) / 16384.0;
 
     double weighted = 0.0;
     double total = 0.0;

@@ -301,14 +301,13 @@ double windowed_sinc_sum(double fc, std::int64_t taps) {
            0.23 * (sinc_partial_sum(a + b, c) + sinc_partial_sum(a - b, c));
 }
 
-bool polyphase_materialised(const Complex* in, int n, std::int64_t L, std::int64_t M,
-                            Complex* out, int count) {
-    if (L < 1 || M < 1) return false;
-    const std::int64_t taps = filter_taps(L, M);
-    if (taps > INT_MAX) return false;
-    const std::vector<double> h = design_lowpass_fir(filter_cutoff(L, M), static_cast<int>(taps),
-                                                     5.0);
-    if (static_cast<std::int64_t>(h.size()) != taps) return false;
+// The L/M chain evaluated at the output instants: out[m] = sum over the input
+// samples k that meet the filter of in[k] * h(M m - L k). `tapAt(j)` supplies
+// coefficient j, from a table or computed on the spot; the accumulation order
+// is the same either way.
+template <class TapAt>
+static void polyphase_sum(const Complex* in, int n, std::int64_t L, std::int64_t M,
+                          std::int64_t taps, Complex* out, int count, TapAt tapAt) {
     for (int m = 0; m < count; ++m) {
         const std::int64_t t = M * m;
         std::int64_t kLo = 0;
@@ -318,12 +317,25 @@ bool polyphase_materialised(const Complex* in, int n, std::int64_t L, std::int64
         for (std::int64_t k = kLo; k <= kHi; ++k) {
             const std::int64_t j = t - L * k;
             if (j >= 0 && j < taps) {
-                sum.re += in[k].re * h[j];
-                sum.im += in[k].im * h[j];
+                const double hj = tapAt(j);
+                sum.re += in[k].re * hj;
+                sum.im += in[k].im * hj;
             }
         }
         out[m] = sum;
     }
+}
+
+bool polyphase_materialised(const Complex* in, int n, std::int64_t L, std::int64_t M,
+                            Complex* out, int count) {
+    if (L < 1 || M < 1) return false;
+    const std::int64_t taps = filter_taps(L, M);
+    if (taps > INT_MAX) return false;
+    const std::vector<double> h = design_lowpass_fir(filter_cutoff(L, M), static_cast<int>(taps),
+                                                     5.0);
+    if (static_cast<std::int64_t>(h.size()) != taps) return false;
+    polyphase_sum(in, n, L, M, taps, out, count,
+                  [&h](std::int64_t j) { return h[static_cast<size_t>(j)]; });
     return true;
 }
 
@@ -334,23 +346,10 @@ bool polyphase_on_the_fly(const Complex* in, int n, std::int64_t L, std::int64_t
     const std::int64_t c = (taps - 1) / 2;
     const double fc = filter_cutoff(L, M);
     const double S = windowed_sinc_sum(fc, taps);
-    for (int m = 0; m < count; ++m) {
-        const std::int64_t t = M * m;
-        std::int64_t kLo = 0;
-        std::int64_t kHi = 0;
-        contributing_inputs(t, L, taps, n, &kLo, &kHi);
-        Complex sum{0.0, 0.0};
-        for (std::int64_t k = kLo; k <= kHi; ++k) {
-            const std::int64_t j = t - L * k;
-            if (j >= 0 && j < taps) {
-                double hj = windowed_sinc_tap(j, c, taps, fc);
-                if (S != 0.0) hj = hj / S;
-                sum.re += in[k].re * hj;
-                sum.im += in[k].im * hj;
-            }
-        }
-        out[m] = sum;
-    }
+    polyphase_sum(in, n, L, M, taps, out, count, [&](std::int64_t j) {
+        const double hj = windowed_sinc_tap(j, c, taps, fc);
+        return S != 0.0 ? hj / S : hj;
+    });
     return true;
 }
 
