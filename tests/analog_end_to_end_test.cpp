@@ -53,38 +53,23 @@ Analysis analyse(const Result& capture) {
 
 TEST(AnalogEndToEnd, AmDepthFollowsTheAppliedDepth) {
     for (double depth : {0.0, 0.5, 1.0}) {
-        Config cfg;
-        Result capture = [&] {
-            Config c;
-            c.mode = MOD_ANALOG_AM;
-            c.sps = 8.0;
-            c.Rb = 6000.0;
-            c.numSamples = 40000;
-            c.toneHz = 1000.0;
-            c.amDepth = depth;
-            c.peak = 12000.0;
-            return generate(c);
-        }();
-        Analysis a = analyse(capture);
+        Config c = analogCapture(MOD_ANALOG_AM, 48000.0, 0.0).config;
+        c.amDepth = depth;
+        Analysis a = analyse(generate(c));
         const DisplayData& d = a.host->rec;
-        std::printf("AM depth %.2f: amDepth %.5f (expected %.5f), envTraceLen %u\n", depth,
-                    double(d.amDepth), depth * kTailMean, d.envTraceLen);
+        std::printf("AM depth %.2f: amDepth %.5f (expected %.5f)\n", depth, double(d.amDepth),
+                    depth * kTailMean);
         EXPECT_NEAR(double(d.amDepth), depth * kTailMean, 0.005);
-        EXPECT_GT(d.envTraceLen, 39000u);
+        EXPECT_EQ(d.envTraceLen, 40000u);
     }
 }
 
 TEST(AnalogEndToEnd, FmDeviationAndFrequencyTrace) {
     // A high sample rate keeps the per-sample phase step small, where the
     // cross-product discriminator reads sin(step) ~ step.
-    Config c;
-    c.mode = MOD_ANALOG_FM;
-    c.sps = 8.0;
-    c.Rb = 60000.0;  // fs 480 kHz
+    Config c = analogCapture(MOD_ANALOG_FM, 480000.0, 0.0).config;
     c.numSamples = 48000;
-    c.toneHz = 1000.0;
     c.fmDeviationHz = 5000.0;
-    c.peak = 12000.0;
     Analysis a = analyse(generate(c));
     const DisplayData& d = a.host->rec;
     std::printf("FM deviation 5000 Hz: fmPeakDev %.1f Hz (expected %.1f), freqTraceLen %u\n",

@@ -16,73 +16,6 @@
 
 namespace {
 
-constexpr double kGuard = -987654.25;
-constexpr uint32_t kGuardU = 0xA5A5A5A5u;
-constexpr size_t kGuards = 8;
-
-// A DisplayData whose every array holds exactly the published capacity for
-// (inLen, mode), followed by guards. The record is packed, so its pointer
-// fields are only ever assigned and compared by name.
-class CapacityRecord {
-public:
-    CapacityRecord(uint32_t inLen, uint32_t mode) {
-        const uint32_t pts = vantrel_capacity_constellation(mode);
-        const uint32_t sym = vantrel_capacity_symbols(inLen, mode);
-        const uint32_t trace = vantrel_capacity_trace(inLen, mode);
-        const uint32_t caps[kDoubleArrays] = {
-            vantrel_capacity_eye(inLen, mode), pts, pts, sym, sym, sym, trace, trace, trace,
-            trace, vantrel_capacity_shifted_iq(inLen, mode)};
-        for (int a = 0; a < kDoubleArrays; ++a) {
-            doubleCaps_[a] = caps[a];
-            doubles_[a].assign(caps[a] + kGuards, kGuard);
-        }
-        uintCaps_[0] = vantrel_capacity_bits(inLen, mode);
-        uintCaps_[1] = sym;
-        for (int a = 0; a < 2; ++a) uints_[a].assign(uintCaps_[a] + kGuards, kGuardU);
-        rec.eye = doubles_[0].data();
-        rec.constI = doubles_[1].data();
-        rec.constQ = doubles_[2].data();
-        rec.evm = doubles_[3].data();
-        rec.phaseErr = doubles_[4].data();
-        rec.magErr = doubles_[5].data();
-        rec.phaseTrace = doubles_[6].data();
-        rec.freqTrace = doubles_[7].data();
-        rec.envTrace = doubles_[8].data();
-        rec.iTrace = doubles_[9].data();
-        rec.shiftedIQ = doubles_[10].data();
-        rec.bits = uints_[0].data();
-        rec.symbols = uints_[1].data();
-    }
-
-    bool intact() const {
-        const double* now[kDoubleArrays] = {rec.eye,        rec.constI,    rec.constQ,
-                                            rec.evm,        rec.phaseErr,  rec.magErr,
-                                            rec.phaseTrace, rec.freqTrace, rec.envTrace,
-                                            rec.iTrace,     rec.shiftedIQ};
-        for (int a = 0; a < kDoubleArrays; ++a) {
-            if (now[a] != doubles_[a].data()) return false;
-            for (size_t k = doubleCaps_[a]; k < doubles_[a].size(); ++k)
-                if (doubles_[a][k] != kGuard) return false;
-        }
-        const uint32_t* nowU[2] = {rec.bits, rec.symbols};
-        for (int a = 0; a < 2; ++a) {
-            if (nowU[a] != uints_[a].data()) return false;
-            for (size_t k = uintCaps_[a]; k < uints_[a].size(); ++k)
-                if (uints_[a][k] != kGuardU) return false;
-        }
-        return true;
-    }
-
-    DisplayData rec{};
-
-private:
-    static constexpr int kDoubleArrays = 11;
-    std::vector<double> doubles_[kDoubleArrays];
-    size_t doubleCaps_[kDoubleArrays] = {};
-    std::vector<uint32_t> uints_[2];
-    size_t uintCaps_[2] = {};
-};
-
 // A busy test block: a few tones plus pseudo-random noise, so that every
 // stage of every chain has something to work on.
 std::vector<int16_t> testBlock(size_t n, uint32_t seed, bool quadrature) {
@@ -137,7 +70,7 @@ std::string describe(const Call& c) {
 }
 
 void check(int handle, const Call& c) {
-    CapacityRecord host(c.inLen, static_cast<uint32_t>(c.mode));
+    HostRecord host(c.inLen, static_cast<uint32_t>(c.mode));
     ExParamOut p = makeParam(c.rb, static_cast<uint32_t>(c.mode), c.rolloff, c.filter);
     const int code = VantrelExcute(handle, blockI().data(), blockQ().data(), c.inLen, &p,
                                    false, false, &host.rec, c.fsMin, c.fsIn);

@@ -2,6 +2,8 @@
 // arrays, and a scratch directory for tests that write the debug files.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -9,72 +11,87 @@
 #include "wrapperVantrelClass.h"
 
 // A DisplayData whose arrays are owned by the test, each followed by guard
-// values so that a write past the capacity is detected.
+// values so that a write past its capacity is detected. The record is
+// packed, so its pointer fields are only ever assigned and compared by name.
 class HostRecord {
 public:
     static constexpr double kGuard = -123456.75;
     static constexpr uint32_t kGuardU = 0xDEADBEEFu;
     static constexpr size_t kGuardCount = 16;
 
-    explicit HostRecord(size_t capacity = 400000) : cap_(capacity) {
-        for (auto* v : {&eye_, &constI_, &constQ_, &evm_, &phaseErr_, &magErr_, &phaseTrace_,
-                        &freqTrace_, &envTrace_, &iTrace_}) {
-            v->assign(cap_ + kGuardCount, kGuard);
-        }
-        shiftedIQ_.assign(2 * cap_ + kGuardCount, kGuard);
-        bits_.assign(cap_ + kGuardCount, kGuardU);
-        symbols_.assign(cap_ + kGuardCount, kGuardU);
-        rec = DisplayData{};
-        rec.eye = eye_.data();
-        rec.constI = constI_.data();
-        rec.constQ = constQ_.data();
-        rec.bits = bits_.data();
-        rec.symbols = symbols_.data();
-        rec.evm = evm_.data();
-        rec.phaseErr = phaseErr_.data();
-        rec.magErr = magErr_.data();
-        rec.phaseTrace = phaseTrace_.data();
-        rec.freqTrace = freqTrace_.data();
-        rec.envTrace = envTrace_.data();
-        rec.iTrace = iTrace_.data();
-        rec.shiftedIQ = shiftedIQ_.data();
-    }
+    // Every array holds `capacity` values (shiftedIQ twice as many).
+    explicit HostRecord(size_t capacity = 400000)
+        : HostRecord({capacity, capacity, capacity, capacity, capacity, capacity, capacity,
+                      capacity, capacity, capacity, 2 * capacity},
+                     capacity, capacity) {}
+
+    // Every array holds exactly the capacity the public header publishes for
+    // a block of inLen samples analysed as `mode`.
+    HostRecord(uint32_t inLen, uint32_t mode)
+        : HostRecord(publishedCapacities(inLen, mode), vantrel_capacity_bits(inLen, mode),
+                     vantrel_capacity_symbols(inLen, mode)) {}
+
     HostRecord(const HostRecord&) = delete;
     HostRecord& operator=(const HostRecord&) = delete;
 
     // True when no array pointer was replaced and every guard is intact.
     bool intact() const {
-        auto guardsOk = [](const std::vector<double>& v, size_t from) {
-            for (size_t i = from; i < v.size(); ++i)
-                if (v[i] != kGuard) return false;
-            return true;
-        };
-        auto guardsOkU = [](const std::vector<uint32_t>& v, size_t from) {
-            for (size_t i = from; i < v.size(); ++i)
-                if (v[i] != kGuardU) return false;
-            return true;
-        };
-        return rec.eye == eye_.data() && rec.constI == constI_.data() &&
-               rec.constQ == constQ_.data() && rec.bits == bits_.data() &&
-               rec.symbols == symbols_.data() && rec.evm == evm_.data() &&
-               rec.phaseErr == phaseErr_.data() && rec.magErr == magErr_.data() &&
-               rec.phaseTrace == phaseTrace_.data() && rec.freqTrace == freqTrace_.data() &&
-               rec.envTrace == envTrace_.data() && rec.iTrace == iTrace_.data() &&
-               rec.shiftedIQ == shiftedIQ_.data() && guardsOk(eye_, cap_) &&
-               guardsOk(constI_, cap_) && guardsOk(constQ_, cap_) && guardsOk(evm_, cap_) &&
-               guardsOk(phaseErr_, cap_) && guardsOk(magErr_, cap_) &&
-               guardsOk(phaseTrace_, cap_) && guardsOk(freqTrace_, cap_) &&
-               guardsOk(envTrace_, cap_) && guardsOk(iTrace_, cap_) &&
-               guardsOk(shiftedIQ_, 2 * cap_) && guardsOkU(bits_, cap_) &&
-               guardsOkU(symbols_, cap_);
+        const double* now[kArrays] = {rec.eye,        rec.constI,    rec.constQ,   rec.evm,
+                                      rec.phaseErr,   rec.magErr,    rec.phaseTrace,
+                                      rec.freqTrace,  rec.envTrace,  rec.iTrace,   rec.shiftedIQ};
+        for (size_t a = 0; a < kArrays; ++a) {
+            if (now[a] != doubles_[a].data() || !guarded(doubles_[a], caps_[a], kGuard))
+                return false;
+        }
+        return rec.bits == bits_.data() && rec.symbols == symbols_.data() &&
+               guarded(bits_, bitsCap_, kGuardU) && guarded(symbols_, symbolsCap_, kGuardU);
     }
 
     DisplayData rec;
 
 private:
-    size_t cap_;
-    std::vector<double> eye_, constI_, constQ_, evm_, phaseErr_, magErr_, phaseTrace_,
-        freqTrace_, envTrace_, iTrace_, shiftedIQ_;
+    static constexpr size_t kArrays = 11;
+    using Caps = std::array<size_t, kArrays>;
+
+    static Caps publishedCapacities(uint32_t inLen, uint32_t mode) {
+        const size_t pts = vantrel_capacity_constellation(mode);
+        const size_t sym = vantrel_capacity_symbols(inLen, mode);
+        const size_t trace = vantrel_capacity_trace(inLen, mode);
+        return {vantrel_capacity_eye(inLen, mode), pts, pts, sym, sym, sym, trace, trace, trace,
+                trace, vantrel_capacity_shifted_iq(inLen, mode)};
+    }
+
+    HostRecord(const Caps& caps, size_t bitsCap, size_t symbolsCap)
+        : caps_(caps), bitsCap_(bitsCap), symbolsCap_(symbolsCap) {
+        for (size_t a = 0; a < kArrays; ++a) doubles_[a].assign(caps[a] + kGuardCount, kGuard);
+        bits_.assign(bitsCap + kGuardCount, kGuardU);
+        symbols_.assign(symbolsCap + kGuardCount, kGuardU);
+        rec = DisplayData{};
+        rec.eye = doubles_[0].data();
+        rec.constI = doubles_[1].data();
+        rec.constQ = doubles_[2].data();
+        rec.evm = doubles_[3].data();
+        rec.phaseErr = doubles_[4].data();
+        rec.magErr = doubles_[5].data();
+        rec.phaseTrace = doubles_[6].data();
+        rec.freqTrace = doubles_[7].data();
+        rec.envTrace = doubles_[8].data();
+        rec.iTrace = doubles_[9].data();
+        rec.shiftedIQ = doubles_[10].data();
+        rec.bits = bits_.data();
+        rec.symbols = symbols_.data();
+    }
+
+    template <class T>
+    static bool guarded(const std::vector<T>& v, size_t from, T guard) {
+        for (size_t i = from; i < v.size(); ++i)
+            if (v[i] != guard) return false;
+        return true;
+    }
+
+    Caps caps_;
+    size_t bitsCap_, symbolsCap_;
+    std::vector<double> doubles_[kArrays];
     std::vector<uint32_t> bits_, symbols_;
 };
 
