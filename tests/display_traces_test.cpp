@@ -43,7 +43,7 @@ TEST(Eye, ImpulseIsCentredOnItsSymbolAndConstantsStayFlat) {
     // out[4]; the quadrature part never shows.
     std::vector<Complex> in(12, Complex{0.0, 0.0});
     in[5] = Complex{1.0, -9.0};
-    std::vector<double> out(100);
+    std::vector<double> out(120);
     int len = 100;
     CommonFun cf;
     cf.getEye(in.data(), 12, 1, out.data(), &len);
