@@ -61,32 +61,24 @@ TEST(IqFigures, DegenerateBlocks) {
         ramp[k] = static_cast<std::int16_t>(k * 61 - 15000);
         neg[k] = static_cast<std::int16_t>(-ramp[k]);
     }
-    Figures f = measure(zero, zero);
-    EXPECT_EQ(f.offset, 0.0);
-    EXPECT_EQ(f.gain, 1.0);
-    EXPECT_EQ(f.quad, 0.0);
-    f = measure(ramp, zero);
-    EXPECT_EQ(f.gain, 1.0);
-    EXPECT_EQ(f.quad, 0.0);
-    f = measure(zero, ramp);
-    EXPECT_EQ(f.gain, 0.0);
-    EXPECT_EQ(f.quad, 0.0);
-    EXPECT_DOUBLE_EQ(measure(ramp, ramp).quad, kPi / 2);
-    EXPECT_DOUBLE_EQ(measure(ramp, neg).quad, -kPi / 2);
-
+    const struct { const std::vector<std::int16_t>*I, *Q; double gain, quad; } cases[] = {
+        {&zero, &zero, 1.0, 0.0}, {&ramp, &zero, 1.0, 0.0}, {&zero, &ramp, 0.0, 0.0},
+        {&ramp, &ramp, 1.0, kPi / 2}, {&ramp, &neg, 1.0, -kPi / 2}};
+    for (const auto& c : cases) {
+        const Figures f = measure(*c.I, *c.Q);
+        EXPECT_DOUBLE_EQ(f.gain, c.gain) << (&c - cases);
+        EXPECT_DOUBLE_EQ(f.quad, c.quad) << (&c - cases);
+    }
     const std::vector<std::int16_t> full(70000, -32768);
-    f = measure(full, full);
+    const Figures f = measure(full, full);
     EXPECT_DOUBLE_EQ(f.offset, 32768.0 * std::sqrt(2.0));
-    EXPECT_DOUBLE_EQ(f.gain, 1.0);
     EXPECT_DOUBLE_EQ(f.quad, kPi / 2);
 
     // An empty block writes nothing.
     DisplayData d{};
-    d.iqOffset = 1.5;
-    d.quadError = 3.5;
+    d.iqGainRatio = 2.5;
     CommonFun().calcIQParams(nullptr, nullptr, 0, &d);
-    EXPECT_EQ(double(d.iqOffset), 1.5);
-    EXPECT_EQ(double(d.quadError), 3.5);
+    EXPECT_EQ(double(d.iqGainRatio), 2.5);
 }
 
 }  // namespace

@@ -11,15 +11,11 @@ namespace {
 
 constexpr double kPi = 3.141592653589793;
 
-struct Summary {
-    double evmRms, evmPeak, magRms, magPeak, phaseRms, phasePeak;
-};
-
 // Error arrays of the given lengths. Everything before the span start
 // s = evmLen - 800 is huge (1e6, 3 rad) so that a misplaced span shows;
 // from s on EVM is 1, magnitude alternates 3, -4 (mean square 12.5; the -4
 // must never become the peak) and the phase is -1 degree.
-Summary summarise(ModType family, uint32_t evmLen, uint32_t magLen, uint32_t phaseLen,
+DisplayData summarise(ModType family, uint32_t evmLen, uint32_t magLen, uint32_t phaseLen,
                   double phaseInSpan = -kPi / 180) {
     const uint32_t s = evmLen >= 800 ? evmLen - 800 : 0;
     std::vector<double> evm(evmLen), mag(magLen), phase(phaseLen);
@@ -33,8 +29,7 @@ Summary summarise(ModType family, uint32_t evmLen, uint32_t magLen, uint32_t pha
     // Whatever a demodulator left must be replaced.
     d.evmRms = d.evmPeak = d.magErrRms = d.magErrPeak = d.phaseErrRms = d.phaseErrPeak = 99.0;
     VantrelClass().calc_RMS_EVM(family, &d);
-    return Summary{double(d.evmRms),     double(d.evmPeak),     double(d.magErrRms),
-                   double(d.magErrPeak), double(d.phaseErrRms), double(d.phaseErrPeak)};
+    return d;
 }
 
 // Every mean divides by 800 whatever the number of terms, and one start
@@ -59,14 +54,20 @@ TEST(LastSymbolStatistics, GatesSpansAndFamilies) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.fam << " " << c.evm << "/" << c.mag << "/" << c.phase);
-        const Summary s = summarise(c.fam, c.evm, c.mag, c.phase);
-        EXPECT_NEAR(s.evmRms, c.evmRms, 1e-12);
-        EXPECT_EQ(s.evmPeak, c.evmRms);  // EVM is 0 or all ones
-        EXPECT_NEAR(s.magRms, c.magRms, 1e-12);
-        EXPECT_EQ(s.magPeak, c.magPeak);
-        EXPECT_NEAR(s.phaseRms, c.phRms, 1e-12);
-        EXPECT_NEAR(s.phasePeak, c.phPeak, 1e-12);
+        const DisplayData s = summarise(c.fam, c.evm, c.mag, c.phase);
+        EXPECT_NEAR(double(s.evmRms), c.evmRms, 1e-12);
+        EXPECT_EQ(double(s.evmPeak), c.evmRms);  // EVM is 0 or all ones
+        EXPECT_NEAR(double(s.magErrRms), c.magRms, 1e-12);
+        EXPECT_EQ(double(s.magErrPeak), c.magPeak);
+        EXPECT_NEAR(double(s.phaseErrRms), c.phRms, 1e-12);
+        EXPECT_NEAR(double(s.phaseErrPeak), c.phPeak, 1e-12);
     }
+    // Counts of 800 with arrays never set: figures 0 instead of a fault.
+    DisplayData d{};
+    d.evmLen = d.magErrLen = d.phaseErrLen = 800;
+    VantrelClass().calc_RMS_EVM(MT_PSK, &d);
+    EXPECT_EQ(double(d.evmRms), 0.0);
+    EXPECT_EQ(double(d.phaseErrPeak), 0.0);
 }
 
 // The phase peak is the signed extreme of larger magnitude; a tie goes to
@@ -82,16 +83,6 @@ TEST(LastSymbolStatistics, PhasePeakIsTheSignedExtreme) {
         VantrelClass().calc_RMS_EVM(MT_PSK, &d);
         EXPECT_NEAR(double(d.phaseErrPeak), (lo == -0.1 ? 0.2 : -0.2) * 180.0 / kPi, 1e-12);
     }
-}
-
-// A record whose counts say 800 but whose arrays were never set: the figures
-// come back 0 instead of a fault.
-TEST(LastSymbolStatistics, NullArraysAreNotRead) {
-    DisplayData d{};
-    d.evmLen = d.magErrLen = d.phaseErrLen = 800;
-    VantrelClass().calc_RMS_EVM(MT_PSK, &d);
-    EXPECT_EQ(double(d.evmRms), 0.0);
-    EXPECT_EQ(double(d.phaseErrPeak), 0.0);
 }
 
 }  // namespace
