@@ -22,6 +22,13 @@ constexpr double kMinusTwoPi = -6.283185307179586;
 constexpr int kSnrLength = 16384;
 
 bool isDigital(ModType family) { return family != MT_ANALOG; }
+
+// The mode code as the enumeration the stages take. Every code outside the
+// table is "unknown" in the same way, so codes above it are passed as 0 (also
+// unknown): that keeps the conversion inside the enumeration's range.
+modulationTypeOut modeOf(uint32_t code) {
+    return static_cast<modulationTypeOut>(code <= MOD_32QAM ? code : 0u);
+}
 bool changesRate(ModType family) { return family != MT_FSK && family != MT_ANALOG; }
 
 // Capacity of the two work buffers, in Complex values: the larger of the
@@ -129,7 +136,7 @@ int runFrontEnd(CommonFun& frontEnd, const ExParamOut& copy, const int16_t* I, c
                 uint32_t inLen, const ExParamOut* param, DisplayData* out, double fsIn,
                 FrontEndBlock& block) {
     initDisplay(out);
-    const modulationTypeOut mode = static_cast<modulationTypeOut>(copy.mode);
+    const modulationTypeOut mode = modeOf(copy.mode);
     frontEnd.getDiscriminatorType(mode, &block.family, &block.order);
 
     // Non-finite rates pass the entry's ordered comparisons. Nothing below can
@@ -153,11 +160,14 @@ int runFrontEnd(CommonFun& frontEnd, const ExParamOut& copy, const int16_t* I, c
     if (!block.work) return -4;
     frontEnd.correctDF(I, Q, static_cast<int>(inLen), block.fs, df, block.work.get());
 
+    // The second buffer is taken for every family, so that running out of
+    // memory ends every call the same way; only the rate change uses it.
+    HeapArray<Complex> spare = heap_alloc<Complex>(block.capacity);
+    if (!spare) return -4;  // the work buffer is released with the block
     if (changesRate(block.family)) {
-        HeapArray<Complex> spare = heap_alloc<Complex>(block.capacity);
-        if (!spare) return -4;  // the work buffer is released with the block
         toFourSamplesPerSymbol(frontEnd, block.work.get(), spare.get(), block.n, block.fs, rb);
     }
+    spare.reset();
 
     double snr = 0.0;
     frontEnd.calcSNR(block.work.get(), kSnrLength, block.fs, block.family, param, &snr,
