@@ -6,9 +6,9 @@
 // matched filter's history bookkeeping, the last sample seen by the frequency
 // trace, and the running phase of the coarse-offset mixer.
 //
-// Lifecycle: the constructor zeroes only the mixer phase; Reset() zeroes all
-// the other state (and frees what it owns) but deliberately leaves the mixer
-// phase alone. The driver constructs and resets a fresh object for each call's
+// Lifecycle: the constructor zeroes the mixer phase (and, as a safeguard, the
+// rest of the state); Reset() zeroes all the other state (and frees what it
+// owns) but deliberately leaves the mixer phase alone. The driver constructs and resets a fresh object for each call's
 // front end; each demodulator resets the instance's own object on entry.
 //
 // Conventions shared by all members:

@@ -4,6 +4,7 @@
 // Lookups go through the map's index operator on purpose: looking up an
 // unknown handle inserts a null entry and yields null, and null simply means
 // "no instance". Such entries are harmless; creation later stores into them.
+#include <climits>
 #include <cstring>
 #include <new>
 
@@ -17,7 +18,9 @@ VantrelClass* lookupInstance(int handle) { return VantrelObjCounter[handle]; }
 
 extern "C" VANTREL_API int VantrelObjCreatSelfEncode(void) {
     // An exception must never reach a C host, so an allocation failure is
-    // reported as -1 (never a valid handle) and nothing is registered.
+    // reported as -1 (never a valid handle) and nothing is registered. The
+    // same holds once every non-negative handle has been given out.
+    if (objcount == INT_MAX) return -1;
     try {
         VantrelClass* inst = new VantrelClass();
         try {
