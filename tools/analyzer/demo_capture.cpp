@@ -17,7 +17,7 @@ int runDemo(bool dump) {
     cfg.sps = 8.0;
     cfg.filterType = siggen::kRRC;
     cfg.rolloff = 0.35;
-    cfg.numSamples = 65536;
+    cfg.numSamples = 320000;
     cfg.seed = 2026;
     cfg.carrierOffsetHz = 300.0;
     cfg.carrierPhase = 0.4;
