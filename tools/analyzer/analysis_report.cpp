@@ -1,5 +1,6 @@
 #include "analysis_report.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -30,14 +31,21 @@ void line(std::ostringstream& os, const char* name, double value, const char* un
 }  // namespace
 
 Result analyse(const Request& request, bool dump) {
+    // Every array sized by the capacities the public header publishes for
+    // this block length and mode, as a host should.
     Result r;
-    const size_t n = kMaxSamples;
-    for (auto* v : {&r.eye, &r.constI, &r.constQ, &r.evm, &r.phaseErr, &r.magErr, &r.phaseTrace,
-                    &r.freqTrace, &r.envTrace, &r.iTrace})
-        v->assign(4 * n, 0.0);
-    r.shiftedIQ.assign(2 * n, 0.0);
-    r.bits.assign(8 * n, 0);
-    r.symbols.assign(n, 0);
+    const uint32_t n = static_cast<uint32_t>(std::min(request.I.size(), kMaxSamples));
+    const uint32_t mode = request.param.mode;
+    r.eye.assign(vantrel_capacity_eye(n, mode), 0.0);
+    r.constI.assign(vantrel_capacity_constellation(mode), 0.0);
+    r.constQ.assign(vantrel_capacity_constellation(mode), 0.0);
+    for (auto* v : {&r.evm, &r.phaseErr, &r.magErr})
+        v->assign(vantrel_capacity_symbols(n, mode), 0.0);
+    for (auto* v : {&r.phaseTrace, &r.freqTrace, &r.envTrace, &r.iTrace})
+        v->assign(vantrel_capacity_trace(n, mode), 0.0);
+    r.shiftedIQ.assign(vantrel_capacity_shifted_iq(n, mode), 0.0);
+    r.bits.assign(vantrel_capacity_bits(n, mode), 0);
+    r.symbols.assign(vantrel_capacity_symbols(n, mode), 0);
     DisplayData& d = r.record;
     d.eye = r.eye.data();
     d.constI = r.constI.data();
