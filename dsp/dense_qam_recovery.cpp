@@ -68,6 +68,16 @@ struct Rail {
     }
 };
 
+// Descending order for qsort with NaN placed last: a strict weak ordering for
+// every input (a NaN-filtered block must not meet an inconsistent
+// comparator), and the plain descending order for finite magnitudes.
+int descendingNanLast(const void* pa, const void* pb) {
+    const double a = *static_cast<const double*>(pa);
+    const double b = *static_cast<const double*>(pb);
+    if (std::isnan(a) || std::isnan(b)) return std::isnan(a) - std::isnan(b);
+    return (a < b) - (a > b);
+}
+
 }  // namespace
 
 DenseQamConstants dense_qam_constants(int M) {
@@ -191,7 +201,7 @@ bool dense_qam_outer_mean(const Complex* s, int n, int M, double* mean) {
     HeapArray<double> mag = heap_alloc<double>(n);
     if (!mag) return false;
     for (int i = 0; i < n; ++i) mag[i] = Complex_abs(s[i]);
-    std::qsort(mag.get(), static_cast<size_t>(n), sizeof(double), cmp_desc);
+    std::qsort(mag.get(), static_cast<size_t>(n), sizeof(double), descendingNanLast);
     std::int64_t top = static_cast<std::int64_t>(n) * 4 / M;
     if (top < 1) top = 1;
     if (top > n) top = n;
