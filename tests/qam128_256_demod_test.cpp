@@ -75,13 +75,6 @@ TEST(DemodQam128_256, TimingMinimumAndTheRecordCounts) {
     EXPECT_EQ(host.rec.evmLen, 2000u);
     EXPECT_EQ(host.rec.bitsLen, 2002u * 7);
     EXPECT_EQ(host.rec.eyeLen, 4 * 2000u - 16);
-    // The bits of the last decided symbol follow those shown in `symbols`:
-    // check the labelling on the symbols that are reported.
-    for (uint32_t i = 0; i < 2000; ++i) {
-        uint32_t s = 0;
-        for (uint32_t k = 0; k < 7; ++k) s |= host.rec.bits[7 * i + k] << k;
-        ASSERT_EQ(s, host.rec.symbols[i]) << i;
-    }
     EXPECT_TRUE(host.intact());
 }
 
