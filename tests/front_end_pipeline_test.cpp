@@ -145,9 +145,10 @@ TEST_P(EveryMode, FrontEndFiguresMatchTheAppliedImpairments) {
                 double(d.iqOffset), double(d.iqGainRatio), double(d.quadError), d.constLen);
 
     const bool psk = mode == MOD_BPSK || mode == MOD_QPSK || mode == MOD_8PSK;
-    // PSK and analog are demodulated; the families whose demodulator is not
-    // connected yet reach no constellation.
-    EXPECT_EQ(code, psk || analog ? 0 : -3);
+    const bool askFsk = mode == MOD_ASK || (mode >= MOD_2FSK && mode <= MOD_2FSK_B);
+    // PSK, ASK, FSK and analog are demodulated; the families whose demodulator
+    // is not connected yet reach no constellation.
+    EXPECT_EQ(code, psk || askFsk || analog ? 0 : -3);
     EXPECT_TRUE(host.intact());
     if (analog) return;  // the analog captures carry their own impairment model
 
