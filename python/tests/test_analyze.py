@@ -1,0 +1,135 @@
+"""The package against the analyzer, and the mapping of every failure."""
+
+import json
+import math
+import subprocess
+import sys
+
+import numpy as np
+import pytest
+
+import vantrel
+from vantrel import (Analyzer, BadArgumentError, NoInstanceError, TooFewPointsError,
+                     TooShortError)
+
+FS, RB = 200000.0, 25000.0
+
+
+def _cf32_copy(meta, tmp):
+    """The same recording as cf32_le SigMF (values / 32768), which goes
+    through the peak scaling rule on both sides."""
+    samples, fs = vantrel.read_sigmf(meta)
+    floats = (samples.astype(np.float32) / np.float32(32768)).reshape(-1)
+    base = tmp / "float"
+    floats.astype("<f4").tofile(f"{base}.sigmf-data")
+    (tmp / "float.sigmf-meta").write_text(json.dumps(
+        {"global": {"core:datatype": "cf32_le", "core:sample_rate": fs}}))
+    return tmp / "float.sigmf-meta"
+
+
+CASES = [  # capture, float copy, mode, symbol rate (None: analog)
+    ("qpsk", False, "QPSK", RB),
+    ("qpsk", True, "QPSK", RB),
+    ("am", False, "AM", None),
+]
+
+
+@pytest.mark.parametrize("name,as_float,mode,rb", CASES)
+def test_package_and_command_match_the_analyzer(captures, analyzer_exe, tmp_path, name,
+                                                as_float, mode, rb):
+    meta = _cf32_copy(captures[name], tmp_path) if as_float else captures[name]
+    rate = ["--rb", str(rb)] if rb else []
+    ref_dir, py_dir = tmp_path / "analyzer", tmp_path / "python"
+    ref_dir.mkdir(), py_dir.mkdir()
+    subprocess.run([analyzer_exe, "--in", str(meta), "--mode", mode, *rate, "--json",
+                    "out.json", "--dump"], cwd=ref_dir, check=True, capture_output=True)
+    cli = subprocess.run([sys.executable, "-m", "vantrel", str(meta), "--mode", mode, *rate,
+                          "--json", "out.json", "--plot", "report.png"], cwd=py_dir,
+                         capture_output=True, text=True)
+    assert cli.returncode == 0, cli.stderr
+    assert (py_dir / "report.png").read_bytes()[:8] == b"\x89PNG\r\n\x1a\n"
+    ref = json.loads((ref_dir / "out.json").read_text())
+    mine = json.loads((py_dir / "out.json").read_text())
+    # The command's report is the analyzer's, field for field, but for its name.
+    ref.pop("tool"), mine.pop("tool")
+    assert mine == ref
+
+    samples, fs = vantrel.read_sigmf(meta)
+    a = vantrel.analyze(samples, fs, rb, mode)
+    result = ref["results"][0]
+    assert result["return_code"]["value"] == a.return_code == 0
+    for field, s in result["scalars"].items():
+        value = getattr(a, field)
+        assert s["value"] == (value if math.isfinite(value) else None), field
+    for field, arr in result["arrays"].items():
+        assert arr["count"] == len(getattr(a, "constI" if field == "constellation" else field))
+    # The analyzer's debug capture prints the constellation with six decimals.
+    lines = (ref_dir / "Vantrel_const.txt").read_text().splitlines()
+    points = np.array([[float(v) for v in ln.split(",")] for ln in lines]).reshape(-1, 2)
+    assert len(points) == len(a.constI) == (800 if rb else 0)
+    np.testing.assert_allclose(points[:, 0], a.constI, rtol=0, atol=5.01e-7)
+    np.testing.assert_allclose(points[:, 1], a.constQ, rtol=0, atol=5.01e-7)
+
+
+FAILURES = [  # what, call arguments changed, exception, code, words in the message
+    ("rate ratio", dict(rb=2000.0), BadArgumentError, -1, "samples per symbol"),
+    ("short block", dict(n=10000), BadArgumentError, -1, "16384"),
+    ("fs_min above fs", dict(fs_min=3e5), BadArgumentError, -1, "fs_min"),
+    ("under 2000 symbols", dict(rb=12000.0), TooShortError, 1, "fewer than 2000"),
+    ("no matched filter", dict(filter=9), TooFewPointsError, -3, "800"),
+]
+
+
+@pytest.mark.parametrize("what,change,exc,code,words", FAILURES, ids=[f[0] for f in FAILURES])
+def test_return_codes_raise_their_exception(captures, what, change, exc, code, words):
+    samples, fs = vantrel.read_sigmf(captures["qpsk"])
+    kw = dict(fs=fs, rb=RB, mode="QPSK", filter="rrc", fs_min=0.0)
+    kw.update(change)
+    n = kw.pop("n", len(samples))
+    with pytest.raises(exc, match=words) as info:
+        vantrel.analyze(samples[:n], **kw)
+    assert info.value.code == code
+    assert isinstance(info.value, ValueError) == (code == -1)
+
+
+def test_unknown_instance_raises_no_instance(captures):
+    samples, fs = vantrel.read_sigmf(captures["qpsk"])
+    with Analyzer() as an:
+        an._lib.VantrelObjRelease(an.handle)  # gone behind the package's back
+        with pytest.raises(NoInstanceError) as info:
+            an.analyze(samples, fs, RB, "QPSK")
+        assert info.value.code == -4
+        an.handle = None
+
+
+class _Refuse:
+    """Stands in for the library: any analysis call is a test failure."""
+
+    def __init__(self, lib):
+        self._lib = lib
+
+    def __getattr__(self, name):
+        if name == "VantrelExcute":
+            raise AssertionError("the library was called")
+        return getattr(self._lib, name)
+
+
+GOOD = np.zeros((20000, 2), np.int16)
+REFUSED = [  # what, samples, fs, rb, exception
+    ("real floats", np.zeros(20000), FS, RB, TypeError),
+    ("int32 pairs", np.zeros((20000, 2), np.int32), FS, RB, TypeError),
+    ("three columns", np.zeros((20000, 3), np.int16), FS, RB, ValueError),
+    ("2-D complex", np.zeros((10000, 2), complex), FS, RB, ValueError),
+    ("NaN sample", np.full(20000, np.nan + 0j), FS, RB, ValueError),
+    ("NaN fs", GOOD, float("nan"), RB, ValueError),
+    ("infinite rb", GOOD, FS, float("inf"), ValueError),
+    ("missing rb", GOOD, FS, None, TypeError),
+]
+
+
+@pytest.mark.parametrize("what,samples,fs,rb,exc", REFUSED, ids=[r[0] for r in REFUSED])
+def test_invalid_input_is_refused_before_the_call(what, samples, fs, rb, exc):
+    with Analyzer() as an:
+        an._lib = _Refuse(an._lib)
+        with pytest.raises(exc):
+            an.analyze(samples, fs, rb, "QPSK")
