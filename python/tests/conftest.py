@@ -34,7 +34,11 @@ def library():
 
 @pytest.fixture(scope="session")
 def analyzer_exe():
-    return _tool("analyze")
+    exe = _tool("analyze")
+    usage = subprocess.run([exe, "--help"], capture_output=True, text=True).stdout
+    if "--json" not in usage:
+        pytest.skip("this vantrel-analyze writes no JSON report")
+    return exe
 
 
 @pytest.fixture(scope="session")
