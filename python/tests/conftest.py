@@ -44,12 +44,14 @@ def analyzer_exe():
 @pytest.fixture(scope="session")
 def captures(tmp_path_factory):
     """SigMF recordings from the generator: QPSK (8 samples per symbol,
-    30 dB Es/N0) and AM (depth 0.6, 1 kHz tone), each 32000 samples."""
+    30 dB Es/N0, 32000 samples), a longer QPSK one (64000 samples) and AM
+    (depth 0.6, 1 kHz tone, 32000 samples)."""
     siggen = _tool("siggen")
     out = tmp_path_factory.mktemp("captures")
     made = {}
     for name, flags in {
         "qpsk": ["--mode", "QPSK", "--sps", "8", "--esno", "30", "--cfo", "300"],
+        "long": ["--mode", "QPSK", "--sps", "8", "--esno", "25", "--symbols", "8000"],
         "am": ["--mode", "AM", "--am-depth", "0.6", "--tone", "1000", "--snr", "40"],
     }.items():
         subprocess.run([siggen, *flags, "--out", str(out / name), "--sigmf"], check=True,

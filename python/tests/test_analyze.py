@@ -71,6 +71,38 @@ def test_package_and_command_match_the_analyzer(captures, analyzer_exe, tmp_path
     np.testing.assert_allclose(points[:, 1], a.constQ, rtol=0, atol=5.01e-7)
 
 
+def _same_report(cmd_args, analyzer_exe, tmp_path, cwd=None):
+    """Runs the analyzer and the command on the same arguments and returns the
+    command's report after checking it equals the analyzer's."""
+    docs = []
+    for name in ("ref.json", "mine.json"):
+        (tmp_path / name).unlink(missing_ok=True)
+    for name, cmd in (("ref.json", [analyzer_exe]), ("mine.json", [sys.executable, "-m",
+                                                                  "vantrel"])):
+        run = subprocess.run([*cmd, *cmd_args, "--json", str(tmp_path / name)], cwd=cwd,
+                             capture_output=True, text=True)
+        docs.append((run.returncode, json.loads((tmp_path / name).read_text())))
+    (rc_ref, ref), (rc, mine) = docs
+    ref.pop("tool"), mine.pop("tool")
+    assert (rc, mine) == (rc_ref, ref)
+    return mine
+
+
+def test_replay_and_blocks_match_the_analyzer(captures, analyzer_exe, tmp_path):
+    # A call captured with the library's debug files, repeated from them.
+    host = tmp_path / "host"
+    host.mkdir()
+    subprocess.run([analyzer_exe, "--in", str(captures["qpsk"]), "--rb", str(RB), "--mode",
+                    "QPSK", "--filter", "2", "--dump"], cwd=host, check=True,
+                   capture_output=True)
+    doc = _same_report(["--replay", str(host)], analyzer_exe, tmp_path)
+    assert doc["parameters"]["filter_type"] == 2
+    # Three whole blocks of a longer capture, with the spread over them.
+    doc = _same_report(["--in", str(captures["long"]), "--rb", str(RB), "--mode", "QPSK",
+                        "--blocks", "--count", "20000"], analyzer_exe, tmp_path)
+    assert len(doc["results"]) == 3 and doc["spread"]["evmRms"]["max"] > 0
+
+
 FAILURES = [  # what, call arguments changed, exception, code, words in the message
     ("rate ratio", dict(rb=2000.0), BadArgumentError, -1, "samples per symbol"),
     ("short block", dict(n=10000), BadArgumentError, -1, "16384"),
@@ -133,3 +165,29 @@ def test_invalid_input_is_refused_before_the_call(what, samples, fs, rb, exc):
         an._lib = _Refuse(an._lib)
         with pytest.raises(exc):
             an.analyze(samples, fs, rb, "QPSK")
+
+
+EXITS = [  # what, arguments after the capture, exit status, words on stderr
+    ("missing file", ["nothere.bin", "--fs", "2e5", "--mode", "AM"], 2, "no such file"),
+    ("unknown mode", ["{raw}", "--fs", "2e5", "--rb", "25000", "--mode", "QPSX"], 2,
+     "unknown mode"),
+    ("raw without rate", ["{raw}", "--rb", "25000", "--mode", "QPSK"], 2, "--fs"),
+    ("short block", ["{raw}", "--fs", "2e5", "--mode", "AM", "--count", "9000"], 2,
+     "shorter than 16384"),
+    ("call fails", ["{raw}", "--fs", "2e5", "--rb", "25000", "--mode", "QPSK", "--filter",
+                    "9"], 1, ""),
+]
+
+
+@pytest.mark.parametrize("what,args,status,words", EXITS, ids=[e[0] for e in EXITS])
+def test_command_exit_status(captures, tmp_path, what, args, status, words):
+    raw = str(captures["qpsk"]).replace(".sigmf-meta", ".bin")
+    out = tmp_path / "out.json"
+    run = subprocess.run([sys.executable, "-m", "vantrel", *[a.format(raw=raw) for a in args],
+                          "--json", str(out)], capture_output=True, text=True, cwd=tmp_path)
+    assert run.returncode == status
+    if status == 2:  # one line naming the problem, and no report
+        assert run.stderr.count("\n") == 1 and words in run.stderr
+        assert not out.exists()
+    else:
+        assert json.loads(out.read_text())["results"][0]["return_code"]["value"] == -3

@@ -16,10 +16,9 @@ import sys
 
 import numpy as np
 
-from . import (MODES, AnalysisError, Analyzer, CaptureError, LibraryNotFoundError,
-               mode_code)
+from . import MODES, AnalysisError, Analyzer, CaptureError, mode_code
 from . import _lib
-from ._capture import is_sigmf, read_raw, read_sigmf, sigmf_paths, to_int16
+from ._capture import is_sigmf, read_raw, read_sigmf, to_int16
 
 JSON_FORMAT = 1
 
@@ -97,8 +96,10 @@ def _select(args, avail, start=0):
     return start + off, count, blocks
 
 
-_REPLAY = re.compile(r"inLen\s*=\s*(-?\d+),\s*fsIn\s*=\s*([^,\s]+),\s*Rb\s*=\s*([^,\s]+),\s*mode\s*="
-                     r"\s*(-?\d+),\s*filterType=\s*(-?\d+),\s*init=\s*(-?\d+)\s*")
+# The line the library writes: "inLen = %d, fsIn = %1f, Rb = %1f,mode = % d,
+# filterType= %d,  init=%d "; any run of spaces is accepted where it pads.
+_REPLAY = re.compile(r"inLen\s*=\s*(-?\d+),\s*fsIn\s*=\s*([^,\s]+),\s*Rb\s*=\s*([^,\s]+),"
+                     r"\s*mode\s*=\s*(-?\d+),\s*filterType=\s*(-?\d+),\s*init=\s*(-?\d+)\s*")
 
 
 def parse_replay_line(line, path):
@@ -324,8 +325,8 @@ def main(argv=None):
         return run(argv)
     except UsageError as e:
         msg = str(e)
-    except (CaptureError, OSError) as e:
-        msg = str(e) if not isinstance(e, LibraryNotFoundError) else f"{e}"
+    except (CaptureError, OSError) as e:  # unreadable input, library not found
+        msg = str(e)
     print(f"vantrel: {msg}", file=sys.stderr)
     return 2
 
