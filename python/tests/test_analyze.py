@@ -101,6 +101,14 @@ def test_replay_and_blocks_match_the_analyzer(captures, analyzer_exe, tmp_path):
     doc = _same_report(["--in", str(captures["long"]), "--rb", str(RB), "--mode", "QPSK",
                         "--blocks", "--count", "20000"], analyzer_exe, tmp_path)
     assert len(doc["results"]) == 3 and doc["spread"]["evmRms"]["max"] > 0
+    # An annotation of the same recording, and a block inside it.
+    meta = json.loads(captures["long"].read_text())
+    meta["annotations"] = [{"core:sample_start": 10000, "core:sample_count": 40000}]
+    (tmp_path / "ann.sigmf-meta").write_text(json.dumps(meta))
+    (tmp_path / "ann.sigmf-data").symlink_to(captures["long"].with_suffix(".sigmf-data"))
+    doc = _same_report(["--in", str(tmp_path / "ann"), "--annotation", "0", "--offset", "500",
+                        "--rb", str(RB), "--mode", "QPSK"], analyzer_exe, tmp_path)
+    assert doc["input"]["offset"] == 10500 and doc["input"]["count"] == 39500
 
 
 FAILURES = [  # what, call arguments changed, exception, code, words in the message

@@ -67,7 +67,7 @@ def _parser():
     return p
 
 
-def _select(args, avail, start=0):
+def _select(args, avail):
     """The analyzer's block selection: (first sample, count, blocks)."""
     off = args.offset or 0
     if off < 0 or (args.count is not None and args.count < 0):
@@ -93,7 +93,7 @@ def _select(args, avail, start=0):
     if blocks == 0:
         raise UsageError(f"the input holds {rest} samples from offset {off}, not one whole "
                          f"block of --count {count}")
-    return start + off, count, blocks
+    return off, count, blocks
 
 
 # The line the library writes: "inLen = %d, fsIn = %1f, Rb = %1f,mode = % d,
@@ -117,7 +117,8 @@ def parse_replay_line(line, path):
 
 
 def load_input(args):
-    """(description dict, samples, sample rate from the file or None)."""
+    """(description dict, the samples a block may be taken from, the file
+    index of the first of them, the sample rate from the file or None)."""
     src = args.capture or args.inp
     if bool(src) == bool(args.replay):
         raise UsageError("give one input: a capture file or --replay DIR (see --help)")
@@ -140,20 +141,20 @@ def load_input(args):
         start = len(samples) - rec["inLen"]
         desc = dict(kind="replay", data_file=data, meta_file=meta, datatype="ci16",
                     samples_in_file=len(samples), annotation=None, recorded_call=rec)
-        return desc, samples, start, rec["inLen"], rec["fsIn"]
+        return desc, samples[start:], start, rec["fsIn"]
     if is_sigmf(src):
         info = {}
         samples, fs = read_sigmf(src, args.annotation, info)
         desc = dict(kind="sigmf", data_file=info["data"], meta_file=info["meta"],
                     datatype=info["datatype"], samples_in_file=info["samples_in_file"],
                     annotation=args.annotation)
-        return desc, samples, info["start"], len(samples), fs
+        return desc, samples, info["start"], fs
     if args.annotation is not None:
         raise UsageError("--annotation needs a SigMF input (NAME.sigmf-meta)")
     samples, _ = read_raw(src, 0.0)
     desc = dict(kind="raw", data_file=src, meta_file=None, datatype="ci16",
                 samples_in_file=len(samples), annotation=None)
-    return desc, samples, 0, len(samples), None
+    return desc, samples, 0, None
 
 
 # The arrays' counts as the analyzer reports them: constI and constQ share
@@ -236,7 +237,7 @@ def text_report(a):
 
 def run(argv=None):
     args = _parser().parse_args(argv)
-    desc, samples, start, avail, file_fs = load_input(args)
+    desc, samples, start, file_fs = load_input(args)
     rec = desc.get("recorded_call")
     if rec is None and args.mode is None:
         raise UsageError("--mode is required (see --help for the names)")
@@ -263,8 +264,8 @@ def run(argv=None):
     if not all(math.isfinite(v) for v in (fs, rb or 0.0, args.rolloff, args.fsmin)):
         raise UsageError("--fs, --rb, --rolloff and --fsmin need finite numbers")
 
-    first, count, blocks = _select(args, avail, 0)
-    chosen = samples[start + first: start + first + count * blocks]
+    first, count, blocks = _select(args, len(samples))
+    chosen = samples[first:first + count * blocks]
     try:
         block, scale, rule, clipped = to_int16(chosen, args.scale)
     except (TypeError, ValueError) as e:
