@@ -2,6 +2,7 @@
 
 import json
 import math
+import os
 import subprocess
 import sys
 
@@ -184,6 +185,8 @@ EXITS = [  # what, arguments after the capture, exit status, words on stderr
      "shorter than 16384"),
     ("call fails", ["{raw}", "--fs", "2e5", "--rb", "25000", "--mode", "QPSK", "--filter",
                     "9"], 1, ""),
+    ("no library", ["{raw}", "--fs", "2e5", "--mode", "AM", "VANTREL_LIBRARY=/nowhere.so"], 2,
+     "cmake --build"),
 ]
 
 
@@ -191,8 +194,10 @@ EXITS = [  # what, arguments after the capture, exit status, words on stderr
 def test_command_exit_status(captures, tmp_path, what, args, status, words):
     raw = str(captures["qpsk"]).replace(".sigmf-meta", ".bin")
     out = tmp_path / "out.json"
-    run = subprocess.run([sys.executable, "-m", "vantrel", *[a.format(raw=raw) for a in args],
-                          "--json", str(out)], capture_output=True, text=True, cwd=tmp_path)
+    env = dict(os.environ, **dict(a.split("=", 1) for a in args if "=" in a))
+    args = [a.format(raw=raw) for a in args if "=" not in a]
+    run = subprocess.run([sys.executable, "-m", "vantrel", *args, "--json", str(out)],
+                         capture_output=True, text=True, cwd=tmp_path, env=env)
     assert run.returncode == status
     if status == 2:  # one line naming the problem, and no report
         assert run.stderr.count("\n") == 1 and words in run.stderr
