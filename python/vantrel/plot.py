@@ -152,9 +152,10 @@ def eye(a, ax=None, **kwargs):
     """
     ax = _axes(ax)
     trace = np.asarray(a.eye)
-    span = 2 * _EYE_SPS + 1  # one symbol either side of the instant
-    starts = np.arange(_EYE_SPS, len(trace) - span + 1 + _EYE_SPS, _EYE_SPS) - _EYE_SPS
-    starts = starts[starts + span <= len(trace)]
+    # Window k runs from one symbol before symbol instant k + 1 to one symbol
+    # after it: trace[4k .. 4k + 8], every window that fits.
+    span = 2 * _EYE_SPS + 1
+    starts = np.arange(0, len(trace) - span + 1, _EYE_SPS)
     t = (np.arange(span) - _EYE_SPS) / _EYE_SPS
     if len(starts):
         segs = np.stack([np.broadcast_to(t, (len(starts), span)),
