@@ -227,6 +227,8 @@ def write_atomically(path, text):
 
 def text_report(a):
     lines = [f"return code {a.return_code} ({a.meaning})"]
+    if getattr(a, "reason", None):
+        lines.append(f"  why: {a.reason}")
     for name, unit in _lib.SCALARS:
         lines.append(f"  {name:<16} {getattr(a, name):14.4f} {unit}")
     counts = ", ".join(f"{n} {len(getattr(a, n))}" for n in a.ARRAYS
@@ -287,6 +289,7 @@ def run(argv=None):
                                rolloff=args.rolloff, fs_min=args.fsmin, dump=args.dump)
             except AnalysisError as e:
                 a = e.analysis
+                a.reason = str(e)  # which rule failed, for the text report
             except ValueError as e:  # an unknown filter name
                 raise UsageError(str(e)) from None
             # The blocks were scaled together; report that scale, as the
