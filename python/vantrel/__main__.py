@@ -14,7 +14,6 @@ import os
 import re
 import sys
 
-import numpy as np
 
 from . import MODES, AnalysisError, Analyzer, CaptureError, mode_code
 from . import _lib
@@ -185,13 +184,20 @@ def json_report(desc, params, results):
         }
 
     def spread(name):
-        vals = np.array([getattr(a, name) for a, _, _ in results if a.return_code == 0])
-        if not len(vals):
+        vals = [getattr(a, name) for a, _, _ in results if a.return_code == 0]
+        if not vals:
             return None
-        mean = float(vals.mean())
-        std = math.sqrt(max(0.0, float((vals * vals).sum()) / len(vals) - mean * mean))
-        return {"min": _num(float(vals.min())), "max": _num(float(vals.max())),
-                "mean": _num(mean), "std": _num(std), "unit": dict(_lib.SCALARS)[name]}
+        # Summed in block order, one value at a time, as the analyzer sums:
+        # the spread comes out the same to the last bit.
+        total = total2 = 0.0
+        for v in vals:
+            total += v
+            total2 += v * v
+        mean = total / len(vals)
+        # Population standard deviation: the blocks are the whole set measured.
+        std = math.sqrt(max(0.0, total2 / len(vals) - mean * mean))
+        return {"min": _num(min(vals)), "max": _num(max(vals)), "mean": _num(mean),
+                "std": _num(std), "unit": dict(_lib.SCALARS)[name]}
 
     doc = {
         "format": JSON_FORMAT,
