@@ -14,7 +14,6 @@ import os
 import re
 import sys
 
-
 from . import MODES, AnalysisError, Analyzer, CaptureError, mode_code
 from . import _lib
 from ._capture import is_sigmf, read_raw, read_sigmf, to_int16
