@@ -6,6 +6,12 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh build
-cmake --preset demo > /dev/null
-cmake --build --preset demo -j 2 > /dev/null
+mkdir -p build
+log=build/demo-build.log
+[ -x build/demo/tools/analyzer/vantrel-analyze ] || echo "building the library and tools (a few minutes the first time)..."
+if ! { cmake --preset demo && cmake --build --preset demo -j 2; } > "$log" 2>&1; then
+  tail -n 40 "$log" >&2
+  echo "demo: the build failed; the whole log is $log" >&2
+  exit 1
+fi
 ./build/demo/tools/analyzer/vantrel-analyze --demo

@@ -25,6 +25,11 @@ for list in "$@"; do
   done < <(sed 's/#.*//' "$file")
 done
 
+if ! command -v dpkg-query > /dev/null; then
+  echo "setup: not a Debian system; make sure these (or their equivalents) are installed: ${wanted[*]}" >&2
+  exit 0
+fi
+
 missing=()
 for pkg in "${wanted[@]}"; do
   # Installed means dpkg reports the package fully installed, not merely known.

@@ -37,7 +37,7 @@ find_package(Vantrel 1.0 REQUIRED)
 add_executable(host host.c)
 target_link_libraries(host PRIVATE Vantrel::vantrel m)
 CMK
-    cmake -S "$work/src" -B "$work/bin" -DCMAKE_PREFIX_PATH="$prefix" \
+    cmake -S "$work/src" -B "$work/bin" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
           -DCMAKE_C_FLAGS="$cflags $san" -DCMAKE_EXE_LINKER_FLAGS="$san" > "$work/configure.log"
     cmake --build "$work/bin" > "$work/build.log"
     exe=$work/bin/host

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
+#include <cstddef>
 #include <cstring>
 #include <unistd.h>
 
@@ -64,7 +65,7 @@ json result(const Result& r, uint64_t offset, uint64_t count) {
     j["count"] = count;
     j["return_code"] = {{"value", r.code}, {"meaning", codeMeaning(r.code)}};
     json s = json::object();
-    for (const Figure& f : figures()) s[f.name] = {{"value", r.record.*f.field}, {"unit", f.unit}};
+    for (const Figure& f : figures()) s[f.name] = {{"value", valueOf(r.record, f)}, {"unit", f.unit}};
     j["scalars"] = s;
     json a = json::object();
     for (const ArrayCount& k : kArrays) a[k.name] = {{"count", r.record.*k.count}, {"unit", k.unit}};
@@ -75,7 +76,7 @@ json result(const Result& r, uint64_t offset, uint64_t count) {
 json spread(const std::vector<Result>& results) {
     json j = json::object();
     for (const Figure& f : figures()) {
-        const Spread s = spreadOf(results, f.field);
+        const Spread s = spreadOf(results, f);
         j[f.name] = s.n == 0 ? json(nullptr)
                              : json{{"min", s.min}, {"max", s.max}, {"mean", s.mean},
                                     {"std", s.std}, {"unit", f.unit}};
@@ -87,33 +88,39 @@ json spread(const std::vector<Result>& results) {
 
 const std::vector<Figure>& figures() {
     static const std::vector<Figure> all = {
-        {"evmRms", &DisplayData::evmRms, "%"},
-        {"evmPeak", &DisplayData::evmPeak, "%"},
-        {"phaseErrRms", &DisplayData::phaseErrRms, "deg"},
-        {"phaseErrPeak", &DisplayData::phaseErrPeak, "deg"},
-        {"magErrRms", &DisplayData::magErrRms, "%"},
-        {"magErrPeak", &DisplayData::magErrPeak, "%"},
-        {"amDepth", &DisplayData::amDepth, "ratio"},
-        {"fmPeakDev", &DisplayData::fmPeakDev, "Hz"},
-        {"freqOffset", &DisplayData::freqOffset, "Hz"},
-        {"peakLevel", &DisplayData::peakLevel, "dB"},
-        {"modDepth", &DisplayData::modDepth, "ratio"},
-        {"freqDeviation", &DisplayData::freqDeviation, "Hz"},
-        {"iqOffset", &DisplayData::iqOffset, "raw units"},
-        {"iqGainRatio", &DisplayData::iqGainRatio, "ratio"},
-        {"quadError", &DisplayData::quadError, "rad"},
-        {"snr", &DisplayData::snr, "dB"},
+        {"evmRms", offsetof(DisplayData, evmRms), "%"},
+        {"evmPeak", offsetof(DisplayData, evmPeak), "%"},
+        {"phaseErrRms", offsetof(DisplayData, phaseErrRms), "deg"},
+        {"phaseErrPeak", offsetof(DisplayData, phaseErrPeak), "deg"},
+        {"magErrRms", offsetof(DisplayData, magErrRms), "%"},
+        {"magErrPeak", offsetof(DisplayData, magErrPeak), "%"},
+        {"amDepth", offsetof(DisplayData, amDepth), "ratio"},
+        {"fmPeakDev", offsetof(DisplayData, fmPeakDev), "Hz"},
+        {"freqOffset", offsetof(DisplayData, freqOffset), "Hz"},
+        {"peakLevel", offsetof(DisplayData, peakLevel), "dB"},
+        {"modDepth", offsetof(DisplayData, modDepth), "ratio"},
+        {"freqDeviation", offsetof(DisplayData, freqDeviation), "Hz"},
+        {"iqOffset", offsetof(DisplayData, iqOffset), "raw units"},
+        {"iqGainRatio", offsetof(DisplayData, iqGainRatio), "ratio"},
+        {"quadError", offsetof(DisplayData, quadError), "rad"},
+        {"snr", offsetof(DisplayData, snr), "dB"},
     };
     return all;
 }
 
-Spread spreadOf(const std::vector<Result>& results, double DisplayData::*field) {
+double valueOf(const DisplayData& record, const Figure& figure) {
+    double v;
+    std::memcpy(&v, reinterpret_cast<const unsigned char*>(&record) + figure.offset, sizeof v);
+    return v;
+}
+
+Spread spreadOf(const std::vector<Result>& results, const Figure& figure) {
     Spread s;
     double sum = 0, sum2 = 0;
     s.min = INFINITY, s.max = -INFINITY;
     for (const Result& r : results) {
         if (r.code != 0) continue;
-        const double v = r.record.*field;
+        const double v = valueOf(r.record, figure);
         s.min = std::min(s.min, v), s.max = std::max(s.max, v), sum += v, sum2 += v * v, ++s.n;
     }
     if (s.n == 0) return Spread{};
@@ -129,13 +136,16 @@ std::string jsonReport(const Capture& capture, const Request& params,
     doc["format"] = kJsonFormat;
     doc["tool"] = "vantrel-analyze";
     doc["input"] = input(capture);
+    // Copies: the packed record's doubles must not be bound by reference.
+    const double rb = params.param.Rb, rolloff = params.param.rolloff;
+    const uint32_t mode = params.param.mode, filterType = params.param.filterType;
     doc["parameters"] = {{"fs_hz", params.fs},
                          {"fs_min_hz", params.fsMin},
-                         {"symbol_rate_hz", params.param.Rb},
-                         {"mode", params.param.mode},
-                         {"mode_name", modeName(static_cast<int>(params.param.mode))},
-                         {"filter_type", params.param.filterType},
-                         {"rolloff", params.param.rolloff}};
+                         {"symbol_rate_hz", rb},
+                         {"mode", mode},
+                         {"mode_name", modeName(static_cast<int>(mode))},
+                         {"filter_type", filterType},
+                         {"rolloff", rolloff}};
     json list = json::array();
     for (size_t b = 0; b < results.size(); ++b)
         list.push_back(result(results[b], capture.offset + b * capture.count, capture.count));

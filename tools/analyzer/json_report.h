@@ -13,20 +13,23 @@ namespace vantrel::analyzer {
 // disappears (adding a field keeps it).
 constexpr int kJsonFormat = 1;
 
-// One scalar of DisplayData with its unit.
+// One scalar of DisplayData with its unit. The record is packed to 4 bytes,
+// so a double field may be misaligned: it is located by its offset and read
+// by copying its bytes, never through a reference or a member pointer.
 struct Figure {
     const char* name;
-    double DisplayData::*field;
+    size_t offset;
     const char* unit;
 };
 const std::vector<Figure>& figures();
+double valueOf(const DisplayData& record, const Figure& figure);
 
 // Spread of one figure over the blocks whose call returned 0 (n = 0: none).
 struct Spread {
     double min = 0, max = 0, mean = 0, std = 0;
     size_t n = 0;
 };
-Spread spreadOf(const std::vector<Result>& results, double DisplayData::*field);
+Spread spreadOf(const std::vector<Result>& results, const Figure& figure);
 
 // The whole report as text: the input, the parameters, one result per block
 // and, for more than one block, the spread of each figure.

@@ -207,7 +207,7 @@ int main(int argc, char** argv) {
                 blockLine(b, capture.offset + b * capture.count, results[b]);
             std::puts("spread over the blocks that returned 0 (min .. max, standard deviation)");
             for (const Figure& f : figures()) {
-                const Spread sp = spreadOf(results, f.field);
+                const Spread sp = spreadOf(results, f);
                 if (sp.n > 0)
                     std::printf("  %-14s %14.6g .. %-14.6g  std %.4g %s\n", f.name, sp.min,
                                 sp.max, sp.std, f.unit);
