@@ -44,8 +44,9 @@ def analyzer_exe():
 @pytest.fixture(scope="session")
 def captures(tmp_path_factory):
     """SigMF recordings from the generator: QPSK (8 samples per symbol,
-    30 dB Es/N0, 32000 samples), a longer QPSK one (64000 samples) and AM
-    (depth 0.6, 1 kHz tone, 32000 samples)."""
+    30 dB Es/N0, 32000 samples), a longer QPSK one (64000 samples), AM
+    (depth 0.6, 1 kHz tone, 32000 samples), and one capture each of 16-QAM,
+    ASK and 4-FSK for the report panels."""
     siggen = _tool("siggen")
     out = tmp_path_factory.mktemp("captures")
     made = {}
@@ -53,6 +54,10 @@ def captures(tmp_path_factory):
         "qpsk": ["--mode", "QPSK", "--sps", "8", "--esno", "30", "--cfo", "300"],
         "long": ["--mode", "QPSK", "--sps", "8", "--esno", "25", "--symbols", "8000"],
         "am": ["--mode", "AM", "--am-depth", "0.6", "--tone", "1000", "--snr", "40"],
+        "16qam": ["--mode", "16QAM", "--sps", "4", "--esno", "35", "--cfo", "300",
+                  "--symbols", "6000"],
+        "ask": ["--mode", "ASK", "--sps", "8", "--esno", "30"],
+        "4fsk": ["--mode", "4FSK", "--sps", "8", "--esno", "30"],
     }.items():
         subprocess.run([siggen, *flags, "--out", str(out / name), "--sigmf"], check=True,
                        capture_output=True)
