@@ -3,6 +3,8 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
+#include <utility>
 #include <limits>
 
 #include "CommonFun.h"
@@ -32,12 +34,37 @@ ScaleRule scaleRule(uint32_t mode) {
     }
 }
 
+// Ascending sort of n non-negative doubles (no NaN, no -0) by their bit
+// patterns, which for such values order exactly as the values do: a
+// least-significant-digit radix sort, one byte per pass, skipping the passes
+// in which every key has the same byte. False (m untouched) when the scratch
+// cannot be allocated.
+bool radix_sort_non_negative(double* m, int n) {
+    HeapArray<std::uint64_t> a = heap_alloc<std::uint64_t>(n);
+    HeapArray<std::uint64_t> b = heap_alloc<std::uint64_t>(n);
+    if (!a || !b) return false;
+    std::memcpy(a.get(), m, sizeof(double) * static_cast<size_t>(n));
+    std::uint64_t* src = a.get();
+    std::uint64_t* dst = b.get();
+    for (int shift = 0; shift < 64; shift += 8) {
+        std::size_t bucket[257] = {};
+        for (int i = 0; i < n; ++i) ++bucket[((src[i] >> shift) & 0xFF) + 1];
+        if (bucket[((src[0] >> shift) & 0xFF) + 1] == static_cast<std::size_t>(n)) continue;
+        for (int d = 0; d < 256; ++d) bucket[d + 1] += bucket[d];
+        for (int i = 0; i < n; ++i) dst[bucket[(src[i] >> shift) & 0xFF]++] = src[i];
+        std::swap(src, dst);
+    }
+    std::memcpy(m, src, sizeof(double) * static_cast<size_t>(n));
+    return true;
+}
+
 // Leaves the largest `count` of the n magnitudes in ascending order at the
 // end of m (m[n - count .. n - 1]), exactly as a full ascending qsort with
 // cmp_asc leaves them; the rest of m is left in some order.
 // Without NaN the values are totally ordered and never -0 (a square root of a
 // sum of squares), so any correct sort gives the same bits in every place:
-// only the largest `count` are selected and those sorted. A NaN compares
+// only the largest `count` are selected and those sorted (all of them: by
+// radix on the bit patterns). A NaN compares
 // equal to everything under cmp_asc, which is not an ordering, and the result
 // then depends on the sort's own sequence of comparisons: that case keeps the
 // qsort.
@@ -46,6 +73,7 @@ void sortLargest(double* m, int n, int count, bool anyNaN) {
         std::qsort(m, static_cast<size_t>(n), sizeof(double), cmp_asc);
         return;
     }
+    if (count == n && radix_sort_non_negative(m, n)) return;
     if (count < n) std::nth_element(m, m + (n - count), m + n);
     std::sort(m + (n - count), m + n);
 }

@@ -251,13 +251,13 @@ std::vector<Complex> randomBlock(std::mt19937& rng, int n, double scale) {
     return x;
 }
 
-// Every output count around the eight-wide blocks, filters of 1 to 97 taps,
+// Every output count around the eight- and sixteen-wide blocks, filters of 1 to 97 taps,
 // and the in-place form the matched filter may use.
 TEST(FastPaths, Conv2MatchesPlainLoop) {
     std::mt19937 rng(7);
     std::uniform_real_distribution<float> u(-1.0f, 1.0f);
     for (int L : {1, 2, 7, 8, 9, 25, 49, 97}) {
-        for (int count : {1, 3, 7, 8, 9, 15, 16, 17, 64, 1001}) {
+        for (int count : {1, 3, 7, 8, 9, 15, 16, 17, 24, 31, 33, 64, 1001}) {
             const int n = count + L - 1;
             std::vector<float> h(static_cast<size_t>(L));
             for (float& v : h) v = u(rng);
