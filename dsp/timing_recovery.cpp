@@ -186,6 +186,12 @@ void CommonFun::Gardner(const Complex* in, int n, double fs, double Rs, double C
     if (N - 2 == 0) ncoAtEnd = kNcoStart;
     if (resumed && N - 2 == 1) ncoAtEnd = gardnerNco;
 
+    // Unit-RMS samples, each scaled once when the interpolator first needs
+    // it; the last eight are kept (it reads m-1 .. m+2).
+    double sI[8] = {0, 0, 0, 0, 0, 0, 0, 0};
+    double sQ[8] = {0, 0, 0, 0, 0, 0, 0, 0};
+    std::int64_t scaledNext = 0;
+
     // 5. The loop, over whole-symbol samples; the interpolator reads m+2.
     for (; m < N - 2; ++m) {
         const double eta = ncoNow - stepNow;
@@ -198,12 +204,14 @@ void CommonFun::Gardner(const Complex* in, int n, double fs, double Rs, double C
         muNow = ncoPrev / stepNow;
 
         const std::int64_t p = m > 0 ? m - 1 : 0;
-        const Complex& xp = joined(p);
-        const Complex& x0 = joined(m);
-        const Complex& x1 = joined(m + 1);
-        const Complex& x2 = joined(m + 2);
-        yI[i] = parabolic(xp.re / r, x0.re / r, x1.re / r, x2.re / r, muNow);
-        yQ[i] = parabolic(xp.im / r, x0.im / r, x1.im / r, x2.im / r, muNow);
+        while (scaledNext <= m + 2) {
+            const Complex& v = joined(scaledNext);
+            sI[scaledNext & 7] = v.re / r;
+            sQ[scaledNext & 7] = v.im / r;
+            ++scaledNext;
+        }
+        yI[i] = parabolic(sI[p & 7], sI[m & 7], sI[(m + 1) & 7], sI[(m + 2) & 7], muNow);
+        yQ[i] = parabolic(sQ[p & 7], sQ[m & 7], sQ[(m + 1) & 7], sQ[(m + 2) & 7], muNow);
         fI[i] = prefilter(yI, i);
         fQ[i] = prefilter(yQ, i);
         if (i % 2 != 0) continue;  // mid-symbol strobe
