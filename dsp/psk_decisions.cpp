@@ -39,22 +39,34 @@ ScaleRule scaleRule(uint32_t mode) {
 // least-significant-digit radix sort, one byte per pass, skipping the passes
 // in which every key has the same byte. False (m untouched) when the scratch
 // cannot be allocated.
+std::uint64_t key_at(const unsigned char* base, int i) {
+    std::uint64_t k;
+    std::memcpy(&k, base + 8 * static_cast<size_t>(i), 8);
+    return k;
+}
+
 bool radix_sort_non_negative(double* m, int n) {
-    HeapArray<std::uint64_t> a = heap_alloc<std::uint64_t>(n);
-    HeapArray<std::uint64_t> b = heap_alloc<std::uint64_t>(n);
-    if (!a || !b) return false;
-    std::memcpy(a.get(), m, sizeof(double) * static_cast<size_t>(n));
-    std::uint64_t* src = a.get();
-    std::uint64_t* dst = b.get();
+    // The keys go back and forth between one scratch block and m itself;
+    // every access copies the 8 bytes, so no value is read through a pointer
+    // of another type.
+    HeapArray<std::uint64_t> scratch = heap_alloc<std::uint64_t>(n);
+    if (!scratch) return false;
+    unsigned char* src = reinterpret_cast<unsigned char*>(m);
+    unsigned char* dst = reinterpret_cast<unsigned char*>(scratch.get());
     for (int shift = 0; shift < 64; shift += 8) {
         std::size_t bucket[257] = {};
-        for (int i = 0; i < n; ++i) ++bucket[((src[i] >> shift) & 0xFF) + 1];
-        if (bucket[((src[0] >> shift) & 0xFF) + 1] == static_cast<std::size_t>(n)) continue;
+        for (int i = 0; i < n; ++i) ++bucket[((key_at(src, i) >> shift) & 0xFF) + 1];
+        if (bucket[((key_at(src, 0) >> shift) & 0xFF) + 1] == static_cast<std::size_t>(n))
+            continue;
         for (int d = 0; d < 256; ++d) bucket[d + 1] += bucket[d];
-        for (int i = 0; i < n; ++i) dst[bucket[(src[i] >> shift) & 0xFF]++] = src[i];
+        for (int i = 0; i < n; ++i) {
+            const std::uint64_t k = key_at(src, i);
+            std::memcpy(dst + 8 * bucket[(k >> shift) & 0xFF]++, &k, 8);
+        }
         std::swap(src, dst);
     }
-    std::memcpy(m, src, sizeof(double) * static_cast<size_t>(n));
+    if (src != reinterpret_cast<unsigned char*>(m))
+        std::memcpy(m, src, sizeof(double) * static_cast<size_t>(n));
     return true;
 }
 

@@ -28,6 +28,7 @@
 #include <malloc.h>
 #include <unistd.h>
 
+#include "heap_array.h"
 #include "siggen.h"
 #include "wrapperVantrelClass.h"
 
@@ -244,25 +245,35 @@ int main(int argc, char** argv) {
     }
 
     if (heap) {
-        std::printf("%-10s %6s %14s %14s %8s\n", "case", "code", "peak heap MB", "2 buffers MB",
-                    "ratio");
+        // First call of a fresh process (nothing recycled yet), then a second
+        // call on the same instance, counting the recycled blocks it starts
+        // with as held: both are what the call needs at its peak.
+        std::printf("%-10s %6s %12s %12s %12s %8s\n", "case", "code", "first MB", "steady MB",
+                    "2 buffers MB", "ratio");
         for (const Case& c : cases) {
             const vantrel::siggen::Result cap = capture(c);
             Host host;
             const ExParamOut p = paramsOf(c);
             const int handle = VantrelObjCreatSelfEncode();
-            gHeld = gPeak = 0;
-            gCounting = true;
-            const int code = VantrelExcute(handle, cap.I.data(), cap.Q.data(), kLen, &p, false,
-                                           false, &host.rec, 0.0, cap.fs);
-            gCounting = false;
+            double peak[2] = {0, 0};
+            int code = 0;
+            for (int call = 0; call < 2; ++call) {
+                gHeld = static_cast<long long>(heap_recycled_bytes());
+                gPeak = gHeld;
+                gCounting = true;
+                code = VantrelExcute(handle, cap.I.data(), cap.Q.data(), kLen, &p, false, false,
+                                     &host.rec, 0.0, cap.fs);
+                gCounting = false;
+                peak[call] = static_cast<double>(gPeak);
+            }
             VantrelObjRelease(handle);
             // The front end's two buffers hold max(n, n * 4 / sps) samples each.
             const double cap4 = std::max<double>(kLen, std::ceil(kLen * 4.0 / c.sps));
             const double buffers = 2 * cap4 * 16;
-            std::printf("%-10s %6d %14.2f %14.2f %8.2f\n",
+            const double worst = std::max(peak[0], peak[1]);
+            std::printf("%-10s %6d %12.2f %12.2f %12.2f %8.2f\n",
                         (c.name + "@" + std::to_string(static_cast<int>(c.sps))).c_str(), code,
-                        gPeak / 1e6, buffers / 1e6, gPeak / buffers);
+                        peak[0] / 1e6, peak[1] / 1e6, buffers / 1e6, worst / buffers);
         }
         return 0;
     }
