@@ -109,6 +109,10 @@ void dispatch(VantrelClass& inst, CommonFun& fe, Complex* work, uint32_t n, doub
     case MT_QAM:
         if (M != 128 && M != 256) {
             refineCarrier(fe, work, n, fs, MT_QAM, M, copy, out);
+            inst.demodQAM(work, len, fs, copy, out);
+        } else {
+            // The dense orders find their own residual carrier.
+            inst.demodQAM128_256(work, len, fs, copy, out);
         }
         break;
     case MT_ANALOG:
