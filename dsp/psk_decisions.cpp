@@ -9,6 +9,7 @@
 
 #include "CommonFun.h"
 #include "safe_convert.h"
+#include "sorting.h"
 
 namespace {
 
@@ -34,42 +35,6 @@ ScaleRule scaleRule(uint32_t mode) {
     }
 }
 
-// Ascending sort of n non-negative doubles (no NaN, no -0) by their bit
-// patterns, which for such values order exactly as the values do: a
-// least-significant-digit radix sort, one byte per pass, skipping the passes
-// in which every key has the same byte. False (m untouched) when the scratch
-// cannot be allocated.
-std::uint64_t key_at(const unsigned char* base, int i) {
-    std::uint64_t k;
-    std::memcpy(&k, base + 8 * static_cast<size_t>(i), 8);
-    return k;
-}
-
-bool radix_sort_non_negative(double* m, int n) {
-    // The keys go back and forth between one scratch block and m itself;
-    // every access copies the 8 bytes, so no value is read through a pointer
-    // of another type.
-    HeapArray<std::uint64_t> scratch = heap_alloc<std::uint64_t>(n);
-    if (!scratch) return false;
-    unsigned char* src = reinterpret_cast<unsigned char*>(m);
-    unsigned char* dst = reinterpret_cast<unsigned char*>(scratch.get());
-    for (int shift = 0; shift < 64; shift += 8) {
-        std::size_t bucket[257] = {};
-        for (int i = 0; i < n; ++i) ++bucket[((key_at(src, i) >> shift) & 0xFF) + 1];
-        if (bucket[((key_at(src, 0) >> shift) & 0xFF) + 1] == static_cast<std::size_t>(n))
-            continue;
-        for (int d = 0; d < 256; ++d) bucket[d + 1] += bucket[d];
-        for (int i = 0; i < n; ++i) {
-            const std::uint64_t k = key_at(src, i);
-            std::memcpy(dst + 8 * bucket[(k >> shift) & 0xFF]++, &k, 8);
-        }
-        std::swap(src, dst);
-    }
-    if (src != reinterpret_cast<unsigned char*>(m))
-        std::memcpy(m, src, sizeof(double) * static_cast<size_t>(n));
-    return true;
-}
-
 // Leaves the largest `count` of the n magnitudes in ascending order at the
 // end of m (m[n - count .. n - 1]), exactly as a full ascending qsort with
 // cmp_asc leaves them; the rest of m is left in some order.
@@ -85,7 +50,7 @@ void sortLargest(double* m, int n, int count, bool anyNaN) {
         std::qsort(m, static_cast<size_t>(n), sizeof(double), cmp_asc);
         return;
     }
-    if (count == n && radix_sort_non_negative(m, n)) return;
+    if (count == n && radix_sort_doubles(m, n)) return;
     if (count < n) std::nth_element(m, m + (n - count), m + n);
     std::sort(m + (n - count), m + n);
 }
