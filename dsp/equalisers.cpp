@@ -1,4 +1,8 @@
 // Blind adaptive equalisers at one sample per symbol.
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+
 #include "CommonFun.h"
 
 // CMA_equlize(in, n, mu, R, L, out, outLen): constant-modulus equaliser.
@@ -42,4 +46,59 @@ void CommonFun::CMA_equlize(const Complex* in, int n, double mu, double R, int L
         }
     }
     outLen = n - L + 1;
+}
+
+// mcma_equalizeFORfsk(in, n, taps, mu, out): two-ring constant-modulus
+// equaliser for the FSK level stream (levels +-1 and +-3).
+//   x_t[j] = in[t-1-j], j = 0 .. 8 (newest first)
+//   y = sum_j x_t[j] w_j(t-1);  out[t-1] = y,  t = 9 .. n
+//   R = 9 if |y|^2 >= 4 else 1 (the ring the output lies nearer to)
+//   g = y (R - |y|^2) / R
+//   w_j(t) = w_j(t-1) + mu conj(x_t[j]) g, then w(t) /= ||w(t)|| when the
+//   norm exceeds 1e-12, so the equaliser shapes but never scales.
+// Starts from a centre spike (tap 4 = 1) at time 8. The tap count is fixed at
+// nine whatever `taps` says. out (n values) starts as a copy of in, so the
+// first eight outputs are unequalised. The whole tap history, 9 x (n + 1)
+// values, is kept for the call; if it cannot be taken a message goes to the
+// standard error stream and out is left untouched.
+void CommonFun::mcma_equalizeFORfsk(const Complex* in, int n, int taps, double mu,
+                                    Complex* out) {
+    taps = 9;
+    // A negative count has no samples to copy or equalise.
+    if (n < 0) return;
+    constexpr int kCentre = 4;
+    constexpr int kStart = 8;  // time index of the initial taps
+    const std::int64_t slots = static_cast<std::int64_t>(n) + 1;
+    HeapArray<Complex> w = heap_zeroed<Complex>(taps * slots);
+    if (!w) {
+        std::fputs("Memory allocation failed.\n", stderr);
+        return;
+    }
+    // The initial spike lives at time 8; a block of fewer than 8 samples has
+    // no such slot and is never equalised either.
+    if (kStart < slots) w[kStart * taps + kCentre] = Complex{1.0, 0.0};
+    for (int i = 0; i < n; ++i) out[i] = in[i];
+
+    Complex x[9];
+    for (std::int64_t t = 9; t <= n; ++t) {
+        const Complex* prev = w.get() + (t - 1) * taps;
+        Complex* next = w.get() + t * taps;
+        for (int j = 0; j < taps; ++j) x[j] = in[t - 1 - j];
+        Complex y{0.0, 0.0};
+        for (int j = 0; j < taps; ++j) y = Complex_add(y, Complex_mul(x[j], prev[j]));
+        out[t - 1] = y;
+        const double r = Complex_abs2(y);
+        const double R = r >= 4.0 ? 9.0 : 1.0;
+        const Complex g = Complex_scalar_mul(y, (R - r) / R);
+        for (int j = 0; j < taps; ++j) {
+            const Complex step = Complex_scalar_mul(Complex_mul(Complex_conj(x[j]), g), mu);
+            next[j] = Complex_add(prev[j], step);
+        }
+        double norm2 = 0.0;
+        for (int j = 0; j < taps; ++j) norm2 += Complex_abs2(next[j]);
+        const double s = std::sqrt(norm2);
+        if (s > 1e-12) {
+            for (int j = 0; j < taps; ++j) next[j] = complex_div_real(next[j], s);
+        }
+    }
 }

@@ -119,7 +119,10 @@ void dispatch(VantrelClass& inst, CommonFun& fe, Complex* work, uint32_t n, doub
         inst.demodANALOG(work, len, fs, bandIn, copy, out);
         break;
     case MT_ASK:
+        inst.demodASK(work, len, fs, copy, out);
+        break;
     case MT_FSK:
+        inst.demodFSK(work, len, fs, copy, out);
         break;
     }
 }

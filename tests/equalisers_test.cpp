@@ -68,3 +68,35 @@ TEST(Cma, OpensTheEyeOfAnEchoChannel) {
 }
 
 }  // namespace
+
+// The FSK equaliser: levels already on the rings |y|^2 = 1 and 9 leave the
+// centre-spike taps alone, so after the eight unequalised outputs the stream
+// is the input delayed by the centre tap (4 symbols); n < 9 is a plain copy.
+TEST(FskEqualiser, RingLevelsPassThroughDelayed) {
+    const double levels[4] = {-3.0, -1.0, 1.0, 3.0};
+    std::mt19937 rng(4);
+    std::vector<Complex> in(300);
+    for (Complex& x : in) x = Complex{levels[rng() % 4], 0.0};
+    for (const int n : {300, 8}) {
+        std::vector<Complex> out(n + 1, Complex{-9.0, -9.0});
+        CommonFun cf;
+        cf.mcma_equalizeFORfsk(in.data(), n, 3, 0.005, out.data());  // taps forced to 9
+        for (int k = 0; k < n; ++k) {
+            const Complex want = k < 8 ? in[k] : in[k - 4];
+            ASSERT_EQ(out[k].re, want.re) << "n " << n << " k " << k;
+            ASSERT_EQ(out[k].im, want.im) << "n " << n << " k " << k;
+        }
+        EXPECT_EQ(out[n].re, -9.0);
+    }
+}
+
+// |y|^2 = 4 exactly belongs to the outer ring: a constant input of 2 is pulled
+// up towards 3, not down towards 1.
+TEST(FskEqualiser, ModulusTwoIsPulledToTheOuterRing) {
+    const std::vector<Complex> in(20, Complex{2.0, 0.0});
+    std::vector<Complex> out(20);
+    CommonFun cf;
+    cf.mcma_equalizeFORfsk(in.data(), 20, 9, 0.005, out.data());
+    EXPECT_EQ(out[8].re, 2.0);
+    EXPECT_GT(out[9].re, 2.0);
+}
