@@ -49,20 +49,7 @@ bool tail_means(const double* v, int n, double* sorted, double* low, double* hig
     // ascending order. Without NaN or -0 the values are totally ordered and
     // equal values have equal bits, so selecting the two sets and sorting
     // each (radix) gives exactly the sums of the full sort.
-    bool plain = false;
-    for (int i = 0; i < n && !plain; ++i)
-        plain = std::isnan(sorted[i]) || (sorted[i] == 0.0 && std::signbit(sorted[i]));
-    if (!plain && 2 * k <= n) {
-        std::nth_element(sorted, sorted + k, sorted + n);
-        std::nth_element(sorted + k, sorted + (n - k), sorted + n);
-        plain = !radix_sort_doubles(sorted, k) || !radix_sort_doubles(sorted + (n - k), k);
-        if (plain) {  // no scratch: back to the full arrangement
-            for (int i = 0; i < n; ++i) sorted[i] = v[i];
-        }
-    } else {
-        plain = true;
-    }
-    if (plain) std::sort(sorted, sorted + n, ascending_nan_last);
+    if (!sort_both_tails(sorted, n, k)) std::sort(sorted, sorted + n, ascending_nan_last);
     double lowSum = 0.0, highSum = 0.0;
     for (int i = 0; i < k; ++i) lowSum += sorted[i];
     for (int i = n - k; i < n; ++i) highSum += sorted[i];

@@ -10,6 +10,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <algorithm>
 #include <utility>
 
 #include "heap_array.h"
@@ -69,5 +70,20 @@ bool radix_sort_doubles(double* m, int n) {
         std::swap(src, dst);
     }
     for (int i = 0; i < n; ++i) m[i] = value_of(load_key(src, i));
+    return true;
+}
+
+bool sort_both_tails(double* m, int n, int k) {
+    if (k < 1 || 2 * static_cast<long long>(k) > n) return false;
+    for (int i = 0; i < n; ++i) {
+        if (std::isnan(m[i]) || (m[i] == 0.0 && std::signbit(m[i]))) return false;
+    }
+    // Select the k smallest, then from the rest the k largest; each set is
+    // then sorted on its own (its values, and so its sorted bits, are those
+    // a full sort puts there).
+    std::nth_element(m, m + k, m + n);
+    std::nth_element(m + k, m + (n - k), m + n);
+    if (!radix_sort_doubles(m, k)) std::sort(m, m + k);
+    if (!radix_sort_doubles(m + (n - k), k)) std::sort(m + (n - k), m + n);
     return true;
 }

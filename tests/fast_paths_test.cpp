@@ -401,10 +401,24 @@ TEST(FastPaths, RadixSortMatchesComparisonSort) {
         }
     }
     for (double odd : {std::nan(""), -0.0}) {
-        std::vector<double> v = {3.0, odd, 1.0};
+        std::vector<double> v = {3.0, odd, 1.0, 2.0};
         const std::vector<double> before = v;
-        EXPECT_FALSE(radix_sort_doubles(v.data(), 3));
+        EXPECT_FALSE(radix_sort_doubles(v.data(), 4));
+        EXPECT_FALSE(sort_both_tails(v.data(), 4, 1));
         EXPECT_TRUE(sameBits(v, before));
+    }
+    // Both tails of a selection against the ends of a full sort.
+    for (int n : {2, 5, 100, 10001}) {
+        std::vector<double> v(static_cast<size_t>(n));
+        for (double& x : v) x = std::round(g(rng) / 50) + 0.0;  // ties, no -0
+        std::vector<double> want = v;
+        std::sort(want.begin(), want.end());
+        const int k = std::max(1, n / 5);
+        ASSERT_TRUE(sort_both_tails(v.data(), n, k));
+        for (int i = 0; i < k; ++i) {
+            EXPECT_EQ(std::memcmp(&v[i], &want[i], 8), 0) << n;
+            EXPECT_EQ(std::memcmp(&v[n - 1 - i], &want[n - 1 - i], 8), 0) << n;
+        }
     }
 }
 
