@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "VantrelClass.h"
+#include "sorting.h"
 #include "safe_convert.h"
 
 namespace {
@@ -44,7 +45,11 @@ bool tail_means(const double* v, int n, double* sorted, double* low, double* hig
     if (k < 1) k = 1;
     if (k > n) k = n;
     for (int i = 0; i < n; ++i) sorted[i] = v[i];
-    std::sort(sorted, sorted + n, ascending_nan_last);
+    // Only the k smallest and the k largest are summed, each set in
+    // ascending order. Without NaN or -0 the values are totally ordered and
+    // equal values have equal bits, so selecting the two sets and sorting
+    // each (radix) gives exactly the sums of the full sort.
+    if (!sort_both_tails(sorted, n, k)) std::sort(sorted, sorted + n, ascending_nan_last);
     double lowSum = 0.0, highSum = 0.0;
     for (int i = 0; i < k; ++i) lowSum += sorted[i];
     for (int i = n - k; i < n; ++i) highSum += sorted[i];
@@ -56,19 +61,19 @@ bool tail_means(const double* v, int n, double* sorted, double* low, double* hig
 
 // Code 10. Envelope e = |x| per sample; with L and H the means of the lowest
 // and highest fifth of e, depth = (H - L) / (H + L + 1e-12), a ratio.
+// The envelope is formed straight in the host's trace (it holds n values).
 static int analog_am(const Complex* x, int n, DisplayData* out) {
-    HeapArray<double> env = heap_alloc<double>(n);
     HeapArray<double> sorted = heap_alloc<double>(n);
-    if (!env || !sorted) return -1;
+    if (!sorted) return -1;
+    double* env = out->envTrace;
     for (int i = 0; i < n; ++i) env[i] = Complex_abs(x[i]);
 
     // An empty block (everything dropped by the band filter) has no
     // modulation to measure: depth 0 rather than a division by zero.
     double depth = 0.0;
     double low = 0.0, high = 0.0;
-    if (tail_means(env.get(), n, sorted.get(), &low, &high))
+    if (tail_means(env, n, sorted.get(), &low, &high))
         depth = (high - low) / (high + low + 1e-12);
-    for (int i = 0; i < n; ++i) out->envTrace[i] = env[i];
     out->envTraceLen = static_cast<uint32_t>(n);
     out->amDepth = depth;
     return 0;
@@ -79,10 +84,13 @@ static int analog_am(const Complex* x, int n, DisplayData* out) {
 // the small-angle phase step normalised by the current sample's power (0 for
 // a sample of no power), f[0] = f[1]. Peak deviation = half the spread
 // between the means of the highest and lowest fifth of f, in Hz.
+// The frequency is formed straight in the host's trace (it holds n values),
+// cleared first so that samples of no power read 0.
 static int analog_fm(const Complex* x, int n, double fs, DisplayData* out) {
-    HeapArray<double> freq = heap_zeroed<double>(n);
     HeapArray<double> sorted = heap_alloc<double>(n);
-    if (!freq || !sorted) return -1;
+    if (!sorted) return -1;
+    double* freq = out->freqTrace;
+    for (int i = 0; i < n; ++i) freq[i] = 0.0;
     for (int i = 1; i < n; ++i) {
         const double power = x[i].re * x[i].re + x[i].im * x[i].im;
         if (power > 1e-12) freq[i] = (x[i - 1].re * x[i].im - x[i].re * x[i - 1].im) / power;
@@ -93,8 +101,7 @@ static int analog_fm(const Complex* x, int n, double fs, DisplayData* out) {
     // No samples, no deviation (0 rather than a division by zero).
     double deviation = 0.0;
     double low = 0.0, high = 0.0;
-    if (tail_means(freq.get(), n, sorted.get(), &low, &high)) deviation = (high - low) / 2;
-    for (int i = 0; i < n; ++i) out->freqTrace[i] = freq[i];
+    if (tail_means(freq, n, sorted.get(), &low, &high)) deviation = (high - low) / 2;
     out->freqTraceLen = static_cast<uint32_t>(n);
     out->fmPeakDev = deviation;
     return 0;
@@ -176,16 +183,14 @@ static int band_limit(CommonFun& cf, HeapArray<Complex>& work, int n, double fs,
     cf.rcosdesignForC(kBandRolloff, kBandSpan, kBandSps, "sqrt", taps, &tapCount);
     if (tapCount < 1) return -1;
 
-    HeapArray<Complex> filtered =
-        heap_alloc<Complex>(static_cast<std::int64_t>(tapCount) + n - 1);
-    if (!filtered) return -1;
+    // Filtered in place: each output overwrites an input no later output
+    // reads (conv2_complex allows y == x).
     int filteredLen = 0;
-    cf.conv2_complex(work.get(), n, taps, tapCount, filtered.get(), &filteredLen);
+    cf.conv2_complex(work.get(), n, taps, tapCount, work.get(), &filteredLen);
 
     int keep = n - tapCount + 1;
     if (keep < 0) keep = 0;
     if (keep > filteredLen) keep = filteredLen;
-    work = std::move(filtered);
     *kept = keep;
     return 0;
 }

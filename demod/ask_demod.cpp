@@ -8,7 +8,10 @@
 // last 800 at most, mapped back to amplitudes 0 and 1.
 #include <cstdint>
 
+#include <utility>
+
 #include "VantrelClass.h"
+#include "safe_convert.h"
 #include "statistics.h"
 
 namespace {
@@ -50,22 +53,30 @@ int VantrelClass::demodASK(Complex* in, int n, double fs, ExParamOut param, Disp
     if (!wide) return -1;
     cf.matchFilter(in, n, fs, param, wide.get(), L1);
     if (L1 < 0) L1 = 0;
-    HeapArray<Complex> filtered = heap_alloc<Complex>(L1);
-    if (!filtered) return -1;
-    for (int i = 0; i < L1; ++i) filtered[i] = wide[i];
-    wide.reset();
+    // The first L1 values of the wide block are the filtered block.
+    HeapArray<Complex> filtered = std::move(wide);
 
     // Modulation depth of the envelope, on the unfiltered block.
     double depth = 0.0;
     cf.getAmp(in, n, nullptr, depth);
 
-    // Timing recovery. Zero-filled: a timing stage that gives up leaves the
-    // count at the capacity passed in, and the chain then reads zeros.
-    HeapArray<Complex> timed = heap_zeroed<Complex>(L1);
+    // Timing recovery. With the toolkit just reset no tail is carried in, so
+    // the loop gives at most L1 / sps symbols and the buffer is sized for
+    // that. A timing stage that gives up leaves the count it was handed: the
+    // chain then reads L1 zeros, as from a zero-filled buffer of the full
+    // capacity.
+    const int sps = floor_to_int(fs / Rb);
+    const int timedCap = sps >= 1 && L1 / sps + 1 < L1 ? L1 / sps + 1 : L1;
+    HeapArray<Complex> timed = heap_alloc<Complex>(timedCap);
     if (!timed) return -1;
-    int L2 = L1;
+    int L2 = -1;
     cf.Gardner(filtered.get(), L1, fs, Rb, kGardnerC1, kGardnerC2, timed.get(), &L2);
     filtered.reset();
+    if (L2 < 0) {
+        timed = heap_zeroed<Complex>(L1);
+        if (!timed) return -1;
+        L2 = L1;
+    }
     if (L2 <= kSettleTiming) return -1;
     const Complex* kept1 = timed.get() + kSettleTiming;
     const int N1 = L2 - kSettleTiming;

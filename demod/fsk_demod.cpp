@@ -12,6 +12,8 @@
 #include <cstdlib>
 
 #include "VantrelClass.h"
+#include "safe_convert.h"
+#include "sorting.h"
 #include "statistics.h"
 
 namespace {
@@ -46,7 +48,9 @@ bool deviationHz(const Complex* x, int L2, int M, double fa, double* hz) {
         sum += x[j + kAverageLength - 1].re - x[j - 1].re;
         a[j] = sum / kAverageLength;
     }
-    std::qsort(a.get(), static_cast<size_t>(P), sizeof(double), cmp_double);
+    // Without NaN or -0 the radix sort leaves the same bits in every place.
+    if (!radix_sort_doubles(a.get(), P))
+        std::qsort(a.get(), static_cast<size_t>(P), sizeof(double), cmp_double);
     int count = static_cast<int>(P * kOuterShare / M);
     if (count < 1) count = 1;
     if (count > P) count = P;
@@ -120,12 +124,21 @@ int VantrelClass::demodFSK(const Complex* in, int n, double fs, ExParamOut param
         out->freqDeviation = 0;
     }
 
-    // Timing recovery (zero-filled, as in the other chains).
-    HeapArray<Complex> symbolsAt = heap_zeroed<Complex>(L2);
+    // Timing recovery, its buffer sized for L2 / sps symbols as in the other
+    // chains; a loop that gives up leaves the count it was handed, and the
+    // chain then reads L2 zeros, as from a zero-filled full-size buffer.
+    const int sps = floor_to_int(fa / Rb);
+    const int symCap = sps >= 1 && L2 / sps + 1 < L2 ? L2 / sps + 1 : L2;
+    HeapArray<Complex> symbolsAt = heap_alloc<Complex>(symCap);
     if (!symbolsAt) return -1;
-    int L3 = L2;
+    int L3 = -1;
     cf.Gardner(resampled.get(), L2, fa, Rb, kGardnerC1, kGardnerC2, symbolsAt.get(), &L3);
     resampled.reset();
+    if (L3 < 0) {
+        symbolsAt = heap_zeroed<Complex>(L2);
+        if (!symbolsAt) return -1;
+        L3 = L2;
+    }
     if (L3 <= kSettleTiming) return -1;
     Complex* kept = symbolsAt.get() + kSettleTiming;
     const int N = L3 - kSettleTiming;

@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "VantrelClass.h"
+#include "safe_convert.h"
 #include "statistics.h"
 
 namespace {
@@ -116,16 +117,25 @@ int VantrelClass::demodPSK(const Complex* in, int n, double fs, ExParamOut param
     int L1 = n;
     cf.matchFilter(in, n, fs, param, filtered.get(), L1);
 
-    // Timing recovery. BPSK runs a wider loop than QPSK and 8PSK. The buffer
-    // is zero-filled: a timing stage that gives up leaves its count at the
-    // capacity passed in, and the chain then sees zeros, not stale memory.
-    HeapArray<Complex> timed = heap_zeroed<Complex>(L1);
+    // Timing recovery. BPSK runs a wider loop than QPSK and 8PSK. With the
+    // toolkit just reset no tail is carried in, so the loop gives at most
+    // L1 / sps symbols and the buffer is sized for that. A timing stage that
+    // gives up leaves the count it was handed: the chain then sees L1 zeros,
+    // as from a zero-filled buffer of the full capacity.
+    const int sps = floor_to_int(fs / Rb);
+    const int timedCap = sps >= 1 && L1 / sps + 1 < L1 ? L1 / sps + 1 : L1;
+    HeapArray<Complex> timed = heap_alloc<Complex>(timedCap);
     if (!timed) return -1;
-    int L2 = L1;
+    int L2 = -1;
     const double C1 = M == 2 ? 0.004 : 0.002;
     const double C2 = M == 2 ? 1.82e-06 : 1.82e-08;
     cf.Gardner(filtered.get(), L1, fs, Rb, C1, C2, timed.get(), &L2);
     filtered.reset();
+    if (L2 < 0) {
+        timed = heap_zeroed<Complex>(L1);
+        if (!timed) return -1;
+        L2 = L1;
+    }
     if (L2 <= kSettleTiming) return -1;
     Complex* kept = timed.get() + kSettleTiming;
     const int N1 = L2 - kSettleTiming;

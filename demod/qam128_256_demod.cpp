@@ -41,18 +41,26 @@ Complex turned(CommonFun& cf, Complex x, double angle) {
 }
 
 // Per-symbol results of the decided block.
+// The bits of every decided symbol are written straight into the host's
+// bit array (7 or 8 per symbol, the largest array of the chain), which the
+// published capacity sizes for them; an int and the host's uint32_t are the
+// signed and unsigned forms of one type, so the array is shared as it is.
 struct Decisions {
-    HeapArray<int> symbols, bits;
+    HeapArray<int> symbols;
+    int* bits = nullptr;
     HeapArray<double> evm, magErr, phaseErr;
-    bool allocate(int count, int B) {
+    bool allocate(int count, int B, std::uint32_t* hostBits) {
         // Zero-filled, so whatever the decision stage leaves unwritten (it
         // writes no errors when its own scratch runs out) reads as 0.
         symbols = heap_zeroed<int>(count);
-        bits = heap_zeroed<int>(static_cast<std::int64_t>(count) * B);
         evm = heap_zeroed<double>(count);
         magErr = heap_zeroed<double>(count);
         phaseErr = heap_zeroed<double>(count);
-        return symbols && bits && evm && magErr && phaseErr;
+        if (!(symbols && evm && magErr && phaseErr)) return false;
+        bits = reinterpret_cast<int*>(hostBits);
+        const std::int64_t nbits = static_cast<std::int64_t>(count) * B;
+        for (std::int64_t i = 0; i < nbits; ++i) bits[i] = 0;
+        return true;
     }
 };
 
@@ -131,11 +139,18 @@ int VantrelClass::demodQAM128_256(const Complex* in, int n, double fs, ExParamOu
 
     // Decisions over every symbol.
     const int B = static_cast<int>(std::log2(static_cast<double>(M)) + 0.5);
+    // Display window: the last K symbols. The eye's scratch is taken before
+    // the decisions write into the host's bit array, so that no failure
+    // follows a write to the record.
+    const int K = len2 < kShown ? len2 : kShown;
+    const int start = len2 - K;
+    HeapArray<double> eye = heap_zeroed<double>(static_cast<std::int64_t>(4) * K);
+    if (!eye) return -1;
     Decisions d;
-    if (!d.allocate(len2, B)) return -1;
+    if (!d.allocate(len2, B, out->bits)) return -1;
     int bitCount = 0;
     double phaseOffset = 0.0;
-    cf.symbolDecisionForQAM(s2, len2, M, d.symbols.get(), d.bits.get(), &bitCount,
+    cf.symbolDecisionForQAM(s2, len2, M, d.symbols.get(), d.bits, &bitCount,
                             d.evm.get(), d.magErr.get(), d.phaseErr.get(), phaseOffset);
 
     // The 128 cross shows its residual outer-point rotation: turning the
@@ -145,11 +160,6 @@ int VantrelClass::demodQAM128_256(const Complex* in, int n, double fs, ExParamOu
         for (int i = 0; i < len2; ++i) s2[i] = turned(cf, s2[i], -phaseOffset);
     }
 
-    // Display window: the last K symbols.
-    const int K = len2 < kShown ? len2 : kShown;
-    const int start = len2 - K;
-    HeapArray<double> eye = heap_zeroed<double>(static_cast<std::int64_t>(4) * K);
-    if (!eye) return -1;
     int eyeLen = 4 * K;
     cf.getEye(s2 + start, K, c.eyeScale, eye.get(), &eyeLen);
     if (eyeLen > 4 * K) eyeLen = 4 * K;  // never copy more than was allocated
@@ -165,7 +175,7 @@ int VantrelClass::demodQAM128_256(const Complex* in, int n, double fs, ExParamOu
     // Deliberately unlike the display: the bits of every decided symbol, and
     // the first K decisions (not the last) in the per-symbol arrays.
     const std::int64_t bitsLen = static_cast<std::int64_t>(len2) * B;
-    for (std::int64_t i = 0; i < bitsLen; ++i) out->bits[i] = static_cast<uint32_t>(d.bits[i]);
+    // (already in place: the decisions wrote them into out->bits)
     out->bitsLen = static_cast<uint32_t>(bitsLen);
     for (int i = 0; i < K; ++i) {
         out->symbols[i] = static_cast<uint32_t>(d.symbols[i]);

@@ -208,13 +208,23 @@ int VantrelClass::demodQAM(const Complex* in, int n, double fs, ExParamOut param
     int mfLen = n;
     cf.matchFilter(in, n, fs, param, filtered.get(), mfLen);
 
-    // Timing recovery. Zero-filled: a timing loop that gives up leaves its
-    // count at the capacity passed in, and the chain then sees zeros.
-    HeapArray<Complex> timed = heap_zeroed<Complex>(mfLen);
+    // Timing recovery. With the toolkit just reset no tail is carried in, so
+    // the loop gives at most mfLen / sps symbols and the buffer is sized for
+    // that. A timing loop that gives up leaves the count it was handed: the
+    // chain then sees mfLen zeros, as from a zero-filled buffer of the full
+    // capacity.
+    const int sps = floor_to_int(fs / Rs);
+    const int timedCap = sps >= 1 && mfLen / sps + 1 < mfLen ? mfLen / sps + 1 : mfLen;
+    HeapArray<Complex> timed = heap_alloc<Complex>(timedCap);
     if (!timed) return -1;
-    int symLen = mfLen;
+    int symLen = -1;
     cf.Gardner(filtered.get(), mfLen, fs, Rs, kGardnerC1, kGardnerC2, timed.get(), &symLen);
     filtered.reset();
+    if (symLen < 0) {
+        timed = heap_zeroed<Complex>(mfLen);
+        if (!timed) return -1;
+        symLen = mfLen;
+    }
     if (symLen < kMinTimed) return -1;
 
     // Drop the timing loop's settling, then scale the outer points onto

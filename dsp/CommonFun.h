@@ -42,7 +42,10 @@ public:
     void getDiscriminatorType(modulationTypeOut mode, ModType* family, int* order);
 
     // ---- complex arithmetic and FFT ----
-    Complex Complex_mul(Complex a, Complex b);
+    // (a.re b.re - a.im b.im, a.re b.im + a.im b.re); inline for the inner loops.
+    Complex Complex_mul(Complex a, Complex b) {
+        return Complex{a.re * b.re - a.im * b.im, a.re * b.im + a.im * b.re};
+    }
     void fft_radix2(Complex* x, int n);
     void fftshift_complex(Complex* x, int n);
     void fftshift_double(double* x, int n);

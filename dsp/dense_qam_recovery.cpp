@@ -3,11 +3,13 @@
 // phase loop. See dense_qam_recovery.h for the chain they make up.
 #include "dense_qam_recovery.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
 
 #include "safe_convert.h"
+#include "sorting.h"
 
 namespace {
 
@@ -201,7 +203,13 @@ bool dense_qam_outer_mean(const Complex* s, int n, int M, double* mean) {
     HeapArray<double> mag = heap_alloc<double>(n);
     if (!mag) return false;
     for (int i = 0; i < n; ++i) mag[i] = Complex_abs(s[i]);
-    std::qsort(mag.get(), static_cast<size_t>(n), sizeof(double), descendingNanLast);
+    // Without NaN or -0 the values are totally ordered and equal values have
+    // equal bits: the ascending radix sort reversed is the descending order.
+    if (radix_sort_doubles(mag.get(), n)) {
+        std::reverse(mag.get(), mag.get() + n);
+    } else {
+        std::qsort(mag.get(), static_cast<size_t>(n), sizeof(double), descendingNanLast);
+    }
     std::int64_t top = static_cast<std::int64_t>(n) * 4 / M;
     if (top < 1) top = 1;
     if (top > n) top = n;

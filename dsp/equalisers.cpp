@@ -23,8 +23,7 @@ void CommonFun::CMA_equlize(const Complex* in, int n, double mu, double R, int L
     }
     HeapArray<Complex> w = heap_zeroed<Complex>(L);
     HeapArray<Complex> x = heap_alloc<Complex>(L);
-    HeapArray<Complex> y = heap_alloc<Complex>(n);
-    if (!w || !x || !y) {
+    if (!w || !x) {
         outLen = 0;
         return;
     }
@@ -36,14 +35,16 @@ void CommonFun::CMA_equlize(const Complex* in, int n, double mu, double R, int L
         for (int j = 0; j < L; ++j) x[j] = in[k - j];
         Complex acc{0.0, 0.0};
         for (int j = 0; j < L; ++j) acc = Complex_add(acc, Complex_mul(w[j], x[j]));
-        y[k] = acc;
+        // Output k - (L - 1) is stored at once. in[k - L + 1], the oldest
+        // input this step reads, is already copied into x and no later step
+        // reads it, so out may even be the same array as in.
+        out[k - (L - 1)] = acc;
         const Complex g = Complex_scalar_mul(acc, R - (acc.re * acc.re + acc.im * acc.im));
         for (int j = 0; j < L; ++j) {
             const Complex step = Complex_scalar_mul(Complex_mul(Complex_conj(x[j]), g), mu);
             w[j] = Complex_add(w[j], step);
         }
     }
-    for (int i = 0; i <= n - L; ++i) out[i] = y[L - 1 + i];
     outLen = n - L + 1;
 }
 

@@ -9,20 +9,6 @@ constexpr double kTwoPi = 6.283185307179586;
 constexpr double kPi = 3.141592653589793;
 }  // namespace
 
-Complex Complex_add(Complex a, Complex b) { return Complex{a.re + b.re, a.im + b.im}; }
-Complex Complex_sub(Complex a, Complex b) { return Complex{a.re - b.re, a.im - b.im}; }
-Complex Complex_scalar_mul(Complex a, double s) { return Complex{a.re * s, a.im * s}; }
-Complex complex_scalar_mul(Complex a, double s) { return Complex_scalar_mul(a, s); }
-Complex complex_div_real(Complex a, double s) { return Complex{a.re / s, a.im / s}; }
-Complex Complex_conj(Complex a) { return Complex{a.re, -a.im}; }
-double Complex_abs(Complex a) { return std::sqrt(a.re * a.re + a.im * a.im); }
-double Complex_abs2(Complex a) { return a.re * a.re + a.im * a.im; }
-Complex Complex_exp_j(double x) { return Complex{std::cos(x), std::sin(x)}; }
-
-Complex CommonFun::Complex_mul(Complex a, Complex b) {
-    return Complex{a.re * b.re - a.im * b.im, a.re * b.im + a.im * b.re};
-}
-
 // In-place forward DFT, X[k] = sum_n x[n] exp(-j 2 pi k n / N), unnormalised,
 // iterative decimation in time. n must be a power of two (every caller passes
 // 16384). The stage twiddle is advanced by repeated complex multiplication

@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "CommonFun.h"
+#include "sorting.h"
 
 namespace {
 
@@ -51,7 +52,10 @@ void CommonFun::getAmp(const Complex* x, int n, double* dev, double& depth) {
     int k = static_cast<int>(0.2 * n);
     if (k < 1) k = 1;
     if (k > n) k = n;
-    std::qsort(a.get(), static_cast<size_t>(n), sizeof(double), cmp_double);
+    // Only the k smallest and the k largest are summed: without NaN or -0
+    // selecting and sorting those two sets leaves them as the full sort does.
+    if (!sort_both_tails(a.get(), n, k))
+        std::qsort(a.get(), static_cast<size_t>(n), sizeof(double), cmp_double);
     double lowSum = 0.0;
     for (int i = 0; i < k; ++i) lowSum += a[i];
     double highSum = 0.0;

@@ -1,11 +1,15 @@
 // Constellation scaling and M-PSK decisions with their error figures.
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
+#include <utility>
 #include <limits>
 
 #include "CommonFun.h"
 #include "safe_convert.h"
+#include "sorting.h"
 
 namespace {
 
@@ -31,6 +35,26 @@ ScaleRule scaleRule(uint32_t mode) {
     }
 }
 
+// Leaves the largest `count` of the n magnitudes in ascending order at the
+// end of m (m[n - count .. n - 1]), exactly as a full ascending qsort with
+// cmp_asc leaves them; the rest of m is left in some order.
+// Without NaN the values are totally ordered and never -0 (a square root of a
+// sum of squares), so any correct sort gives the same bits in every place:
+// only the largest `count` are selected and those sorted (all of them: by
+// radix on the bit patterns). A NaN compares
+// equal to everything under cmp_asc, which is not an ordering, and the result
+// then depends on the sort's own sequence of comparisons: that case keeps the
+// qsort.
+void sortLargest(double* m, int n, int count, bool anyNaN) {
+    if (anyNaN) {
+        std::qsort(m, static_cast<size_t>(n), sizeof(double), cmp_asc);
+        return;
+    }
+    if (count == n && radix_sort_doubles(m, n)) return;
+    if (count < n) std::nth_element(m, m + (n - count), m + n);
+    std::sort(m + (n - count), m + n);
+}
+
 }  // namespace
 
 // normStar(in, n, param, out): out[i] = in[i] . target / m, where m is the
@@ -44,11 +68,15 @@ void CommonFun::normStar(const Complex* in, int n, ExParamOut param, Complex* ou
     HeapArray<double> mag = heap_alloc<double>(n);
     double m = 0.0;
     if (mag) {
-        for (int i = 0; i < n; ++i) mag[i] = Complex_abs(in[i]);
-        std::qsort(mag.get(), static_cast<size_t>(n), sizeof(double), cmp_asc);
+        bool anyNaN = false;
+        for (int i = 0; i < n; ++i) {
+            mag[i] = Complex_abs(in[i]);
+            anyNaN |= std::isnan(mag[i]);
+        }
         int count = trunc_to_int(n * rule.fraction);
         if (count < 1) count = 1;
         if (count > n) count = n;
+        sortLargest(mag.get(), n, count, anyNaN);
         double sum = 0.0;
         for (int i = n - count; i < n; ++i) sum += mag[i];
         m = sum / count;

@@ -20,6 +20,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 #include "CommonFun.h"
 #include "safe_convert.h"
@@ -46,40 +47,27 @@ int strongestPhase(const Complex* in, int sps, int symbols) {
     return best;
 }
 
-// Work arrays of one call. All are zero-filled, so a slot the loop never
-// writes (for instance the NCO value at N-2 when the loop stops early on its
-// strobe or symbol budget) reads as 0 rather than as stale heap contents.
-struct LoopArrays {
-    HeapArray<double> I, Q, nco, step, mu, yI, yQ, fI, fQ, err;
-    bool allocate(std::int64_t N, std::int64_t S) {
-        const std::int64_t strobes = 4 * S + 10;
-        I = heap_zeroed<double>(N);
-        Q = heap_zeroed<double>(N);
-        // At least two NCO and step slots: a resumed call writes index 1
-        // even when the block holds less than one symbol.
-        nco = heap_zeroed<double>(N > 2 ? N : 2);
-        step = heap_zeroed<double>(4 * S + 1 > 2 ? 4 * S + 1 : 2);
-        mu = heap_zeroed<double>(strobes);
-        yI = heap_zeroed<double>(strobes);
-        yQ = heap_zeroed<double>(strobes);
-        fI = heap_zeroed<double>(strobes);
-        fQ = heap_zeroed<double>(strobes);
-        err = heap_zeroed<double>(2 * S + 1);
-        return I && Q && nco && step && mu && yI && yQ && fI && fQ && err;
-    }
-};
-
 // Piecewise-parabolic interpolant between x[m] and x[m+1] at fraction mu,
-// with the left neighbour x[p] (p = m-1, clamped to 0 at the block start).
-double parabolic(const double* x, std::int64_t m, std::int64_t p, double mu) {
-    const double c2 = 0.5 * x[m + 2] - 0.5 * x[m + 1] - 0.5 * x[m] + 0.5 * x[p];
-    const double c1 = -0.5 * x[m + 2] + 1.5 * x[m + 1] - 0.5 * x[m] - 0.5 * x[p];
-    return (c2 * mu + c1) * mu + x[m];
+// with the left neighbour x[p] (p = m-1, clamped to 0 at the block start);
+// the four samples are passed as values xp, xm, xm1, xm2.
+double parabolic(double xp, double xm, double xm1, double xm2, double mu) {
+    const double c2 = 0.5 * xm2 - 0.5 * xm1 - 0.5 * xm + 0.5 * xp;
+    const double c1 = -0.5 * xm2 + 1.5 * xm1 - 0.5 * xm - 0.5 * xp;
+    return (c2 * mu + c1) * mu + xm;
 }
+
+// The recent strobe values of one rail: a ring of the last eight strobes,
+// zero where a strobe was never written (the start of a resumed block), read
+// and written by absolute strobe number.
+struct StrobeRing {
+    double v[8] = {0, 0, 0, 0, 0, 0, 0, 0};
+    double& operator[](std::int64_t i) { return v[i & 7]; }
+    double operator[](std::int64_t i) const { return v[i & 7]; }
+};
 
 // Pre-filtered value at strobe i: the first six strobes pass unfiltered,
 // later ones go through the five taps over strobes i-4 .. i.
-double prefilter(const double* y, std::int64_t i) {
+double prefilter(const StrobeRing& y, std::int64_t i) {
     if (i <= 5) return y[i];
     double acc = 0.0;
     for (int t = 0; t < 5; ++t) acc += y[i - t] * kPreTaps[t];
@@ -87,7 +75,7 @@ double prefilter(const double* y, std::int64_t i) {
 }
 
 // Gardner error at the symbol strobe i (even).
-double timingError(const double* fI, const double* fQ, std::int64_t i) {
+double timingError(const StrobeRing& fI, const StrobeRing& fQ, std::int64_t i) {
     if (i <= 2) return fI[i - 1] * fI[i] + fQ[i - 1] * fQ[i];
     const double aI = (fI[i] + fI[i - 2]) / 2;
     const double aQ = (fQ[i] + fQ[i - 2]) / 2;
@@ -96,15 +84,26 @@ double timingError(const double* fI, const double* fQ, std::int64_t i) {
 
 }  // namespace
 
+
 // Gardner(in, n, fs, Rs, C1, C2, out, outLen)
 //   in/n    : oversampled complex block (any amplitude; scaled to unit RMS)
 //   fs, Rs  : sample and symbol rate in Hz; sps = floor(fs / Rs)
 //   C1, C2  : proportional and integral gains of the loop filter
-//   out     : receives the symbols; sized by the caller to at least n
+//   out     : receives the symbols; at most min(n, S) are written, S the
+//             whole symbols of the tail kept from the previous call plus
+//             this block (S <= n / sps after a Reset)
 //   outLen  : out only: the number of symbols written. Left untouched when the
 //             block holds no whole symbol or an allocation fails.
 // The block is joined to the tail kept from the previous call (cleared by
 // Reset), and a new tail is kept on every call.
+//
+// The loop runs as a stream: every quantity it reads is a sample of the
+// joined block (read in place and scaled when needed), one of the last few
+// strobes (kept in small rings), or the current NCO, step and error values,
+// so the memory beyond the output is a few dozen doubles whatever the block
+// length. A value the loop never wrote reads as 0, as a zeroed work array
+// would give (the pre-filter at the start of a resumed block, the NCO slot
+// of the carried state when the loop stops early).
 void CommonFun::Gardner(const Complex* in, int n, double fs, double Rs, double C1, double C2,
                         Complex* out, int* outLen) {
     // A NaN or infinite ratio converts to 0 or saturates, and both end here.
@@ -122,14 +121,15 @@ void CommonFun::Gardner(const Complex* in, int n, double fs, double Rs, double C
         return;
     }
 
-    // 2. Join the previous tail and this block.
+    // 2. The joined block: the previous tail, then this block from `offset`.
     const int prevCount = (gardnerTailCount > 0 && gardnerTail) ? gardnerTailCount : 0;
+    HeapArray<Complex> previous = std::move(gardnerTail);
+    const Complex* head = previous.get();
+    const Complex* body = in + offset;
+    auto joined = [&](std::int64_t j) -> const Complex& {
+        return j < prevCount ? head[j] : body[j - prevCount];
+    };
     const std::int64_t total = static_cast<std::int64_t>(prevCount) + remaining;
-    HeapArray<Complex> joined = heap_alloc<Complex>(total);
-    if (!joined) return;
-    if (prevCount > 0)
-        std::memcpy(joined.get(), gardnerTail.get(), sizeof(Complex) * size_t(prevCount));
-    std::memcpy(joined.get() + prevCount, in + offset, sizeof(Complex) * size_t(remaining));
     const std::int64_t S = total / sps;
     const std::int64_t N = S * sps;
 
@@ -140,97 +140,116 @@ void CommonFun::Gardner(const Complex* in, int n, double fs, double Rs, double C
     if (tailCount > total) tailCount = total;
     gardnerTail = heap_alloc<Complex>(tailCount);
     gardnerTailCount = gardnerTail ? static_cast<int>(tailCount) : 0;
-    if (gardnerTail)
-        std::memcpy(gardnerTail.get(), joined.get() + (total - tailCount),
-                    sizeof(Complex) * size_t(tailCount));
+    if (gardnerTail) {
+        for (std::int64_t j = 0; j < tailCount; ++j) gardnerTail[j] = joined(total - tailCount + j);
+    }
 
     // 3. Unit-RMS normalisation (the RMS is kept when continuing a stream).
     if (gardnerContinue == 0) {
         double energy = 0.0;
-        for (std::int64_t j = 0; j < total; ++j) energy += Complex_abs2(joined[j]);
+        for (std::int64_t j = 0; j < total; ++j) energy += Complex_abs2(joined(j));
         gardnerRms = std::sqrt(energy / static_cast<double>(total));
     }
     const double r = gardnerRms < kRmsFloor ? 1.0 : gardnerRms;
 
-    LoopArrays a;
-    if (!a.allocate(N, S)) return;
-    for (std::int64_t j = 0; j < N; ++j) {
-        a.I[j] = joined[j].re / r;
-        a.Q[j] = joined[j].im / r;
-    }
-    joined.reset();
-
     // 4. Initial loop state, or the state saved by the previous call.
     const std::int64_t strobeLimit = 4 * S + 10;
-    a.step[0] = 2 * Rs / fs;
-    a.nco[0] = kNcoStart;
-    a.mu[0] = kMuStart;
+    double ncoNow = kNcoStart;  // NCO value at sample m
+    double stepNow = 2 * Rs / fs;  // loop step W[k]
+    double muNow = kMuStart;    // fractional interval of strobe i
+    double errPrev = 0.0;       // e[k - 1]
+    StrobeRing yI, yQ, fI, fQ;
     std::int64_t m = 0, k = 0, i = 0;
     int count = 0;
-    if (gardnerContinue != 0 && gardnerTailCount > 0) {
+    const bool resumed = gardnerContinue != 0 && gardnerTailCount > 0;
+    if (resumed) {
         m = 1;
         k = 1;
         // The library saves 4 or 5 here; a negative value set from outside
-        // would index before the arrays, so it is read as 0.
+        // would index before the strobes, so it is read as 0.
         i = gardnerStrobe > 0 ? gardnerStrobe : 0;
-        a.nco[1] = gardnerNco;
-        a.step[1] = gardnerW;
-        if (i < strobeLimit) a.mu[i] = gardnerMu;
+        ncoNow = gardnerNco;
+        stepNow = gardnerW;
+        muNow = i < strobeLimit ? gardnerMu : kMuStart;
         if (i > 1 && i <= strobeLimit) {
-            a.fI[i - 2] = gardnerYI[0];
-            a.fI[i - 1] = gardnerYI[1];
-            a.fQ[i - 2] = gardnerYQ[0];
-            a.fQ[i - 1] = gardnerYQ[1];
+            fI[i - 2] = gardnerYI[0];
+            fI[i - 1] = gardnerYI[1];
+            fQ[i - 2] = gardnerYQ[0];
+            fQ[i - 1] = gardnerYQ[1];
         }
-        a.err[0] = gardnerLastErr;
+        errPrev = gardnerLastErr;
     }
+    // NCO value at sample N - 2 for the carried state: the start value at
+    // index 0 (and the resumed value at 1), else what the loop wrote there,
+    // else 0 (the loop stopped before reaching it).
+    double ncoAtEnd = 0.0;
+    if (N - 2 == 0) ncoAtEnd = kNcoStart;
+    if (resumed && N - 2 == 1) ncoAtEnd = gardnerNco;
+
+    // Unit-RMS samples, each scaled once when the interpolator first needs
+    // it; the last eight are kept (it reads m-1 .. m+2).
+    double sI[8] = {0, 0, 0, 0, 0, 0, 0, 0};
+    double sQ[8] = {0, 0, 0, 0, 0, 0, 0, 0};
+    std::int64_t scaledNext = 0;
 
     // 5. The loop, over whole-symbol samples; the interpolator reads m+2.
     for (; m < N - 2; ++m) {
-        const double eta = a.nco[m] - a.step[k];
-        if (eta > 0) {
-            a.nco[m + 1] = eta;
-            continue;
-        }
-        a.nco[m + 1] = eta - std::floor(eta);
+        const double eta = ncoNow - stepNow;
+        const double ncoPrev = ncoNow;
+        ncoNow = eta > 0 ? eta : eta - std::floor(eta);
+        if (m + 1 == N - 2) ncoAtEnd = ncoNow;
+        if (eta > 0) continue;
         ++i;
         if (i >= strobeLimit) break;
-        a.mu[i] = a.nco[m] / a.step[k];
+        muNow = ncoPrev / stepNow;
 
         const std::int64_t p = m > 0 ? m - 1 : 0;
-        a.yI[i] = parabolic(a.I.get(), m, p, a.mu[i]);
-        a.yQ[i] = parabolic(a.Q.get(), m, p, a.mu[i]);
-        a.fI[i] = prefilter(a.yI.get(), i);
-        a.fQ[i] = prefilter(a.yQ.get(), i);
+        while (scaledNext <= m + 2) {
+            const Complex& v = joined(scaledNext);
+            sI[scaledNext & 7] = v.re / r;
+            sQ[scaledNext & 7] = v.im / r;
+            ++scaledNext;
+        }
+        yI[i] = parabolic(sI[p & 7], sI[m & 7], sI[(m + 1) & 7], sI[(m + 2) & 7], muNow);
+        yQ[i] = parabolic(sQ[p & 7], sQ[m & 7], sQ[(m + 1) & 7], sQ[(m + 2) & 7], muNow);
+        fI[i] = prefilter(yI, i);
+        fQ[i] = prefilter(yQ, i);
         if (i % 2 != 0) continue;  // mid-symbol strobe
 
-        a.err[k] = timingError(a.fI.get(), a.fQ.get(), i);
-        const double diff = k == 0 ? a.err[k] : a.err[k] - a.err[k - 1];
-        a.step[k + 1] = a.step[k] + C1 * diff + C2 * a.err[k];
+        const double e = timingError(fI, fQ, i);
+        const double diff = k == 0 ? e : e - errPrev;
+        const double stepNext = stepNow + C1 * diff + C2 * e;
         // The symbol budget, and the caller's capacity of n symbols, which
         // only a one-sample-per-symbol block with a carried tail could reach.
-        if (count >= S || count >= n) break;
-        out[count] = Complex{a.yI[i], a.yQ[i]};
+        if (count >= S || count >= n) {
+            // The step was updated but k does not advance: the carried
+            // state keeps W[k] and e[k - 1].
+            (void)stepNext;
+            break;
+        }
+        out[count] = Complex{yI[i], yQ[i]};
         ++count;
         ++k;
+        stepNow = stepNext;
+        errPrev = e;
     }
 
     // 6. Count and carry-over state. Reads that would fall outside the
-    // arrays take the value a fresh start uses: no previous error (0), the
-    // initial fractional interval and the initial NCO accumulator.
+    // loop's history take the value a fresh start uses: no previous error
+    // (0), the initial fractional interval and the initial NCO accumulator.
     *outLen = count;
-    gardnerW = a.step[k];
-    gardnerLastErr = k >= 1 ? a.err[k - 1] : 0.0;
-    gardnerMu = i < strobeLimit ? a.mu[i] : kMuStart;
+    gardnerW = stepNow;
+    gardnerLastErr = k >= 1 ? errPrev : 0.0;
+    gardnerMu = i < strobeLimit ? muNow : kMuStart;
     gardnerStrobe = static_cast<int>(i % 2) + 4;
-    gardnerNco = N >= 2 ? a.nco[N - 2] : kNcoStart;
+    gardnerNco = N >= 2 ? ncoAtEnd : kNcoStart;
     if (i < 2 || i > strobeLimit) {
         gardnerYI[0] = gardnerYI[1] = 0.0;
         gardnerYQ[0] = gardnerYQ[1] = 0.0;
     } else {
-        gardnerYI[0] = a.fI[i - 2];
-        gardnerYI[1] = a.fI[i - 1];
-        gardnerYQ[0] = a.fQ[i - 2];
-        gardnerYQ[1] = a.fQ[i - 1];
+        gardnerYI[0] = fI[i - 2];
+        gardnerYI[1] = fI[i - 1];
+        gardnerYQ[0] = fQ[i - 2];
+        gardnerYQ[1] = fQ[i - 1];
     }
 }

@@ -52,6 +52,10 @@ extern "C" VANTREL_API int VantrelObjRelease(int handle) {
         if (inst == nullptr) return -1;
         VantrelObjCounter.erase(handle);
         delete inst;
+        // With no live instance left, the recycled work blocks go back too.
+        bool anyLive = false;
+        for (const auto& entry : VantrelObjCounter) anyLive = anyLive || entry.second != nullptr;
+        if (!anyLive) heap_recycled_clear();
         return 0;
     } catch (...) {
         return -1;

@@ -1,0 +1,89 @@
+// Least-significant-byte radix sort of doubles.
+//
+// Key of a value: its 64 bits with the sign bit set for a positive value and
+// every bit inverted for a negative one, so that keys order as the values do
+// (-inf < ... < -min < +0 < min < ... < +inf). Eight passes of one byte, each
+// a stable counting sort; a pass in which every key has the same byte is
+// skipped. One scratch block of n keys besides m itself.
+#include "sorting.h"
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <algorithm>
+#include <utility>
+
+#include "heap_array.h"
+
+namespace {
+
+std::uint64_t key_of(double v) {
+    std::uint64_t b;
+    std::memcpy(&b, &v, 8);
+    return (b >> 63) != 0 ? ~b : (b | (std::uint64_t(1) << 63));
+}
+
+double value_of(std::uint64_t k) {
+    const std::uint64_t b = (k >> 63) != 0 ? (k & ~(std::uint64_t(1) << 63)) : ~k;
+    double v;
+    std::memcpy(&v, &b, 8);
+    return v;
+}
+
+std::uint64_t load_key(const unsigned char* base, std::size_t i) {
+    std::uint64_t k;
+    std::memcpy(&k, base + 8 * i, 8);
+    return k;
+}
+
+void store_key(unsigned char* base, std::size_t i, std::uint64_t k) {
+    std::memcpy(base + 8 * i, &k, 8);
+}
+
+}  // namespace
+
+bool radix_sort_doubles(double* m, int n) {
+    if (n <= 0) return n == 0;
+    for (int i = 0; i < n; ++i) {
+        if (std::isnan(m[i]) || (m[i] == 0.0 && std::signbit(m[i]))) return false;
+    }
+    if (n == 1) return true;
+    HeapArray<std::uint64_t> scratch = heap_alloc<std::uint64_t>(n);
+    if (!scratch) return false;
+    // The keys are held in m's own storage and in the scratch block in turn;
+    // every access copies the 8 bytes, so nothing is read through a pointer
+    // of another type.
+    unsigned char* home = reinterpret_cast<unsigned char*>(m);
+    for (int i = 0; i < n; ++i) store_key(home, i, key_of(m[i]));
+    unsigned char* src = home;
+    unsigned char* dst = reinterpret_cast<unsigned char*>(scratch.get());
+    for (int shift = 0; shift < 64; shift += 8) {
+        std::size_t bucket[257] = {};
+        for (int i = 0; i < n; ++i) ++bucket[((load_key(src, i) >> shift) & 0xFF) + 1];
+        if (bucket[((load_key(src, 0) >> shift) & 0xFF) + 1] == static_cast<std::size_t>(n))
+            continue;
+        for (int d = 0; d < 256; ++d) bucket[d + 1] += bucket[d];
+        for (int i = 0; i < n; ++i) {
+            const std::uint64_t k = load_key(src, i);
+            store_key(dst, bucket[(k >> shift) & 0xFF]++, k);
+        }
+        std::swap(src, dst);
+    }
+    for (int i = 0; i < n; ++i) m[i] = value_of(load_key(src, i));
+    return true;
+}
+
+bool sort_both_tails(double* m, int n, int k) {
+    if (k < 1 || 2 * static_cast<long long>(k) > n) return false;
+    for (int i = 0; i < n; ++i) {
+        if (std::isnan(m[i]) || (m[i] == 0.0 && std::signbit(m[i]))) return false;
+    }
+    // Select the k smallest, then from the rest the k largest; each set is
+    // then sorted on its own (its values, and so its sorted bits, are those
+    // a full sort puts there).
+    std::nth_element(m, m + k, m + n);
+    std::nth_element(m + k, m + (n - k), m + n);
+    if (!radix_sort_doubles(m, k)) std::sort(m, m + k);
+    if (!radix_sort_doubles(m + (n - k), k)) std::sort(m + (n - k), m + n);
+    return true;
+}
