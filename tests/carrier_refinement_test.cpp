@@ -82,35 +82,4 @@ TEST(CalcFc, QamFindsTheFourthPowerLineAndSkips32Qam) {
     }
 }
 
-// Silence: every bin is 0, the first bin wins, and the level falls back to
-// the -100 dB sentinel. Refusals give a zero offset and a zero level.
-TEST(CalcFc, SentinelsAndRefusals) {
-    const std::vector<Complex> z(kLen, Complex{0.0, 0.0});
-    const Refined silent = calcFc(z, kLen, kFs, MT_PSK, 2, MOD_BPSK);
-    EXPECT_EQ(silent.fc, std::lround((-kFs / 2 + kBinHz) / 2));
-    EXPECT_EQ(silent.level, -100.0);
-    const auto x = capture(MOD_BPSK, 50.0);
-    const Refined refused[] = {calcFc(x, 0, kFs, MT_PSK, 2, MOD_BPSK), calcFc(x, kLen, 0.0, MT_PSK, 2, MOD_BPSK),
-                               calcFc(x, kLen, kFs, MT_ASK, 2, MOD_ASK), calcFc(x, kLen, kFs, MT_FSK, 2, MOD_2FSK)};
-    for (const Refined& r : refused) {
-        EXPECT_EQ(r.fc, 0);
-        EXPECT_EQ(r.level, 0.0);
-    }
-    // A NaN rate or a zero order makes the estimate non-finite: the
-    // conversion must give 0 or saturate, not be undefined.
-    EXPECT_EQ(calcFc(x, kLen, std::numeric_limits<double>::quiet_NaN(), MT_PSK, 2, MOD_BPSK).fc, 0);
-    EXPECT_EQ(calcFc(x, kLen, kFs, MT_PSK, 0, 0).fc, INT_MAX);
-}
-
-// A short block is zero-padded: the 100 samples of a 1000 Hz line give a
-// widened line one bin high, and the garbage past n must not be read.
-TEST(CalcFc, ShortBlockIsZeroPadded) {
-    std::vector<Complex> x(kLen, Complex{123.0, 456.0});
-    const double step = 6.283185307179586 * 1000 / kFs;
-    for (int n = 0; n < 100; ++n) x[n] = Complex{std::cos(step * n), std::sin(step * n)};
-    const Refined r = calcFc(x, 100, kFs, MT_PSK, 1, 0);
-    EXPECT_NEAR(r.fc, 1000.0 + kBinHz, kBinHz);
-    EXPECT_NEAR(r.level, 20.0 * std::log10(100.0 / kLen), 0.1);
-}
-
 }  // namespace

@@ -110,21 +110,4 @@ TEST(Unwrap, RemovesTheRampOfAWrappingPhase) {
     for (int i = 0; i < n; ++i) EXPECT_NEAR(out[i], truth[i], 1e-9) << i;
 }
 
-TEST(Unwrap, HalfTurnStepsRoundAwayFromZeroAndShortInputsAreCopied) {
-    // A step of exactly +pi counts as +1 turn (unwrapped 0, -pi, -pi), -pi as
-    // -1 turn: the fitted slopes reveal the rule.
-    CommonFun cf;
-    const double up[3] = {0.0, kPi, kPi}, down[3] = {0.0, -kPi, -kPi};
-    double out[3], slope = 0, intercept = 0;
-    cf.phaseUnwrapAndDetrend(up, 3, out, &slope, nullptr);
-    EXPECT_DOUBLE_EQ(slope, -kPi / 2);
-    cf.phaseUnwrapAndDetrend(down, 3, out, &slope, nullptr);
-    EXPECT_DOUBLE_EQ(slope, kPi / 2);
-    const double one = 1.25;
-    cf.phaseUnwrapAndDetrend(&one, 1, out, &slope, &intercept);
-    EXPECT_EQ(out[0], 1.25);
-    EXPECT_EQ(slope, 0.0);
-    EXPECT_EQ(intercept, 1.25);
-}
-
 }  // namespace

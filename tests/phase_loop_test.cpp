@@ -54,20 +54,6 @@ INSTANTIATE_TEST_SUITE_P(
                       PullCase{8, -0.1, -0.002, kPi / 8}, PullCase{2, 0.5, 0.0, 0.0},
                       PullCase{2, -1.2, 0.001, 0.0}));
 
-TEST(PhaseLook, EmptyBlockLeavesTheStateAlone) {
-    CommonFun cf;
-    std::vector<Complex> in(50, Complex{0.8, 0.9}), out(50);
-    int len = 0;
-    cf.PhaseLook(in.data(), 50, MT_PSK, 4, 1000.0, 30.0, MOD_QPSK, out.data(), &len);
-    const double acc = cf.phaseAcc, freq = cf.phaseFreq, err = cf.phaseLastErr;
-    len = 7;
-    cf.PhaseLook(in.data(), 0, MT_PSK, 4, 1000.0, 30.0, MOD_QPSK, out.data(), &len);
-    EXPECT_EQ(len, 0);
-    EXPECT_EQ(cf.phaseAcc, acc);
-    EXPECT_EQ(cf.phaseFreq, freq);
-    EXPECT_EQ(cf.phaseLastErr, err);
-}
-
 TEST(PhaseLook, ThirtyTwoPointsUseFixedGainsAndPullTheRotationOut) {
     // The 32-point cross on the odd grid, turned by 0.05 rad. The tuned gains
     // ignore Rs and Bn, so two very different rates give identical output.

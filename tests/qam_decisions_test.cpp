@@ -119,18 +119,4 @@ TEST(QamDecisions, RotationIsReportedFor128PointsOnly) {
     EXPECT_EQ(d64.phaseOffset, 0.0);
 }
 
-// Orders without a table and bad arguments write nothing but the two
-// failure values.
-TEST(QamDecisions, RefusalsWriteOnlyTheFailureValues) {
-    for (const int order : {4, 8, 0, -16}) {
-        const Decided d = decide({{3, 3}, {1, -1}}, order);
-        EXPECT_EQ(d.bitCount, 0);
-        EXPECT_EQ(d.phaseOffset, 0.0);
-        EXPECT_EQ(d.symbols, (std::vector<int>{-1, -1}));
-        EXPECT_EQ(d.bits[0], -1);
-        EXPECT_EQ(d.evm[0], -1.0);
-    }
-    EXPECT_EQ(decide({}, 16).bitCount, 0);
-}
-
 }  // namespace
