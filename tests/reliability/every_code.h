@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "siggen.h"
-#include "test_support.h"
+#include "../test_support.h"
 
 namespace reliability {
 
