@@ -13,6 +13,31 @@ namespace {
 
 bool isAnalogCode(uint32_t mode) { return mode >= MOD_ANALOG_AM && mode <= MOD_ANALOG_I_B; }
 
+// True when every host array the analysis of `mode` writes is present. Each
+// analog code writes one trace; every digital code writes the eye, the
+// constellation, bits, symbols, EVM and magnitude error, and the two-
+// dimensional families (PSK, QAM, and every unknown code, which runs as PSK)
+// the phase error too. A host that left one of those pointers null could only
+// be answered by a write through it, so the call is refused first. Arrays the
+// mode does not write may be null.
+bool hostArraysPresent(uint32_t mode, const DisplayData* out) {
+    switch (mode) {
+    case MOD_ANALOG_AM: return out->envTrace != nullptr;
+    case MOD_ANALOG_FM: return out->freqTrace != nullptr;
+    case MOD_ANALOG_PM: return out->phaseTrace != nullptr;
+    case MOD_ANALOG_SHIFT: return out->shiftedIQ != nullptr;
+    case MOD_ANALOG_I_A:
+    case MOD_ANALOG_I_B: return out->iTrace != nullptr;
+    default: break;
+    }
+    const bool common = out->eye != nullptr && out->constI != nullptr && out->constQ != nullptr &&
+                        out->bits != nullptr && out->symbols != nullptr && out->evm != nullptr &&
+                        out->magErr != nullptr;
+    const bool oneDimensional =
+        mode == MOD_ASK || mode == MOD_2FSK || mode == MOD_4FSK || mode == MOD_2FSK_B;
+    return common && (oneDimensional || out->phaseErr != nullptr);
+}
+
 // Writes the call's parameters (one text line, file rewritten) and samples
 // (native int16, interleaved I, Q, appended) before any validation, so that a
 // rejected call is captured too. The files are a debugging aid: an open that
@@ -59,7 +84,10 @@ int excute(int handle, const int16_t* I, const int16_t* Q, uint32_t inLen,
     VantrelClass* inst = lookupInstance(handle);
     if (inst == nullptr) return -4;
     // Null pointers cannot be analysed; refuse them before anything reads them.
+    // The same holds for a null host array the mode would write: -1, with
+    // nothing captured, copied or written (the record keeps its contents).
     if (I == nullptr || Q == nullptr || param == nullptr || out == nullptr) return -1;
+    if (!hostArraysPresent(param->mode, out)) return -1;
     if (dumpFlag) captureInputs(I, Q, inLen, param, init, fsIn);
 
     inst->exParam = *param;

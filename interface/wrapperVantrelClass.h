@@ -11,6 +11,22 @@
  * DisplayData points to. The library only copies values into those arrays and
  * sets the counts; it never allocates, frees or replaces the pointers.
  *
+ * Which arrays a call writes depends on the mode: every digital code writes
+ * eye, constI, constQ, bits, symbols, evm and magErr, and the PSK and QAM
+ * codes (and every code outside the table) phaseErr as well; analog AM writes
+ * envTrace, FM freqTrace, PM phaseTrace, the shift analysis shiftedIQ, the two
+ * in-phase analyses iTrace. Arrays a mode does not write are never touched and
+ * may be null. A null array that the mode writes makes VantrelExcute return -1
+ * before anything is read, captured or written; the record keeps its contents.
+ *
+ * The library cannot see how long a host array is. It never writes more than
+ * the capacities published below for the call's inLen and mode; those
+ * capacities are part of the binary interface of this major version and will
+ * not grow within it, so a host that sizes its arrays with them, from any 1.x
+ * header, is safe. A host that sizes an array it passes below them (a guess
+ * made before the capacities were published, a hard-coded 800) risks a write
+ * past its buffer that no check inside the library can prevent.
+ *
  * Threading: the library starts no threads and takes no locks. The instance
  * registry is process-wide, so the host must not call these functions from two
  * threads at once.
@@ -160,7 +176,9 @@ VANTREL_API int GetALGVersion(char* dst);
  * rate and fsMin the lowest rate the host accepts (same unit as param->Rb).
  * init is only logged; dumpFlag non-zero writes the debug capture files
  * "./Vantrel_Parameter.txt", "./Vantrel_IQData.bin" and "./Vantrel_const.txt"
- * in the working directory. Returns one of the VANTREL_* codes above. */
+ * in the working directory. Returns one of the VANTREL_* codes above; -1 also
+ * for a null I, Q, param or out, or a null DisplayData array the mode writes
+ * (see "Buffer ownership" at the top). */
 VANTREL_API int VantrelExcute(int handle, const int16_t* I, const int16_t* Q,
                               uint32_t inLen, const ExParamOut* param,
                               bool init, bool dumpFlag, DisplayData* out,

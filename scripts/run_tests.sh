@@ -2,7 +2,8 @@
 # Installs what the build and the tests need (scripts/setup.sh), then builds
 # and runs the whole test suite twice: a normal optimised build, then the same
 # tests under AddressSanitizer, UndefinedBehaviorSanitizer (with
-# float-cast-overflow) and LeakSanitizer.
+# float-cast-overflow) and LeakSanitizer; then the fuzz smoke of the call
+# entry (clang, libFuzzer, same sanitizers).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh build test
@@ -13,3 +14,10 @@ for preset in default sanitize; do
   echo "=== $preset tests ==="
   ctest --preset "$preset"
 done
+# The fuzz target of the call entry (clang, libFuzzer): a 60-second smoke
+# over the seed corpus, only in this preset.
+echo "=== fuzz build ==="
+cmake --preset fuzz > /dev/null
+cmake --build --preset fuzz -j 2
+echo "=== fuzz smoke ==="
+ctest --preset fuzz
