@@ -305,3 +305,117 @@ TEST_P(MeasurementLinear, FiguresWithinTargets) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Matrix, MeasurementLinear, ::testing::ValuesIn(linearCases()));
+
+// FSK codes: carrier within 1e-4 Rb and the symbol clock within 2 ppm.
+class MeasurementFsk : public ::testing::TestWithParam<DigitalCase> {};
+
+TEST_P(MeasurementFsk, CarrierAndClockWithinTargets) {
+    const DigitalCase& d = GetParam();
+    sg::Config c = digitalConfig(d.mode, d.sps);
+    c.esn0Db = d.esn0;
+    c.filterType = d.index % 2 ? sg::kGauss : sg::kRect;
+    c.rolloff = 0.5;
+    c.seed = 11 + d.index;
+    c.carrierOffsetHz = (d.index % 2 ? -1.0 : 1.0) * c.Rb * (0.005 + 0.015 * ((d.index % 4) / 3.0));
+    c.clockOffsetPpm = (d.index % 3 == 0) ? 100.0 : (d.index % 3 == 1 ? -100.0 : 0.0);
+    const sg::Result r = sg::generate(c);
+    VantrelMeasurement m = blankRecord();
+    const int code = measureCapture(r, m, nullptr);
+    ASSERT_TRUE(code == 0 || code == -3) << code;
+    EXPECT_EQ(m.flags, VANTREL_MEAS_TIMING_LOCKED | VANTREL_MEAS_CARRIER_LOCKED);
+    const double carrierErr = (m.carrierOffsetHz - c.carrierOffsetHz) / c.Rb;
+    const double ppmErr = m.symbolRateErrorPpm - c.clockOffsetPpm;
+    std::printf("[ figures  ] %s sps %.1f EsN0 %.0f %s: fc %.3f/%.3f ppm %.3f/%.0f obw %.1f\n",
+                sg::modeName(d.mode).c_str(), d.sps, d.esn0, c.filterType == sg::kGauss ? "gauss" : "rect",
+                m.carrierOffsetHz, c.carrierOffsetHz, m.symbolRateErrorPpm, c.clockOffsetPpm,
+                m.occupiedBandwidthHz);
+    worst().add("FSK carrierOffset/Rb", carrierErr);
+    worst().add("FSK symbolRateError ppm", ppmErr);
+    EXPECT_LE(std::fabs(carrierErr), 1e-4);
+    EXPECT_LE(std::fabs(ppmErr), 2.0);
+    EXPECT_TRUE(std::isnan(m.iqGainImbalanceDb));
+}
+
+namespace {
+std::vector<DigitalCase> fskCases() {
+    std::vector<DigitalCase> v;
+    int i = 0;
+    for (int mode : {MOD_2FSK, MOD_4FSK, MOD_2FSK_B})
+        for (double sps : {4.0, 8.0, 16.0, 5.3})
+            for (double esn0 : {25.0, 40.0}) v.push_back({mode, sps, esn0, i++});
+    return v;
+}
+}  // namespace
+
+INSTANTIATE_TEST_SUITE_P(Matrix, MeasurementFsk, ::testing::ValuesIn(fskCases()));
+
+// Analog codes: tone, depth and deviation across their range.
+struct AnalogCase {
+    int mode;
+    double tone;     // Hz
+    double amount;   // AM depth (ratio), FM deviation (Hz) or PM peak (rad)
+    double carrier;  // Hz
+};
+
+std::ostream& operator<<(std::ostream& os, const AnalogCase& c) {
+    return os << sg::modeName(c.mode) << " tone " << c.tone << " amount " << c.amount;
+}
+
+class MeasurementAnalog : public ::testing::TestWithParam<AnalogCase> {};
+
+TEST_P(MeasurementAnalog, FiguresWithinTargets) {
+    const AnalogCase& a = GetParam();
+    sg::Config c;
+    c.mode = a.mode;
+    c.Rb = 6000.0;
+    c.sps = 8.0;  // fs = 48 kHz
+    c.numSamples = 48000;
+    c.snrDb = 40.0;
+    c.peak = 12000.0;
+    c.toneHz = a.tone;
+    c.carrierOffsetHz = a.carrier;
+    c.amDepth = a.amount;
+    c.fmDeviationHz = a.amount;
+    c.pmPeakRad = a.amount;
+    const sg::Result r = sg::generate(c);
+    VantrelMeasurement m = blankRecord();
+    ASSERT_EQ(measureCapture(r, m, nullptr), 0);
+    EXPECT_EQ(m.flags, VANTREL_MEAS_CARRIER_LOCKED);
+    std::printf("[ figures  ] %s tone %.1f amount %.3f: fc %.4f/%.1f rate %.4f am %.3f fm %.3f pm %.5f\n",
+                sg::modeName(a.mode).c_str(), a.tone, a.amount, m.carrierOffsetHz, a.carrier,
+                m.modulationRateHz, m.amDepthPercent, m.fmDeviationHz, m.pmDeviationRad);
+    worst().add("analog carrierOffset Hz", m.carrierOffsetHz - a.carrier);
+    EXPECT_NEAR(m.carrierOffsetHz, a.carrier, 0.5);
+    if (a.mode != MOD_ANALOG_SHIFT) {
+        worst().add("analog modulationRate Hz", m.modulationRateHz - a.tone);
+        EXPECT_NEAR(m.modulationRateHz, a.tone, 0.1);
+    }
+    if (a.mode == MOD_ANALOG_AM) {
+        worst().add("amDepth points", m.amDepthPercent - 100 * a.amount);
+        EXPECT_NEAR(m.amDepthPercent, 100 * a.amount, 0.5);
+    }
+    if (a.mode == MOD_ANALOG_FM) {
+        worst().add("fmDeviation rel", m.fmDeviationHz / a.amount - 1);
+        EXPECT_NEAR(m.fmDeviationHz / a.amount, 1.0, 0.005);
+    }
+    if (a.mode == MOD_ANALOG_PM) {
+        worst().add("pmDeviation rel", m.pmDeviationRad / a.amount - 1);
+        EXPECT_NEAR(m.pmDeviationRad / a.amount, 1.0, 0.005);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Range, MeasurementAnalog,
+    ::testing::Values(AnalogCase{MOD_ANALOG_AM, 400.0, 0.05, 120.0},
+                      AnalogCase{MOD_ANALOG_AM, 1000.0, 0.5, -730.5},
+                      AnalogCase{MOD_ANALOG_AM, 3100.0, 0.95, 2000.0},
+                      AnalogCase{MOD_ANALOG_AM, 1000.0, 1.3, 15.25},
+                      AnalogCase{MOD_ANALOG_FM, 300.0, 500.0, 333.3},
+                      AnalogCase{MOD_ANALOG_FM, 1000.0, 5000.0, -1500.0},
+                      AnalogCase{MOD_ANALOG_FM, 3000.0, 12000.0, 0.0},
+                      AnalogCase{MOD_ANALOG_PM, 500.0, 0.2, 1500.0},
+                      AnalogCase{MOD_ANALOG_PM, 1000.0, 1.0, -300.0},
+                      AnalogCase{MOD_ANALOG_PM, 2500.0, 3.0, 77.7},
+                      AnalogCase{MOD_ANALOG_SHIFT, 1000.0, 0.0, -1234.5},
+                      AnalogCase{MOD_ANALOG_I_A, 700.0, 0.0, 250.0},
+                      AnalogCase{MOD_ANALOG_I_B, 2200.0, 0.0, -999.0}));
