@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 
@@ -10,6 +11,18 @@ namespace vantrel::analyzer {
 namespace {
 
 constexpr size_t kMaxSamples = 320000;
+
+void line(std::ostringstream& os, const char* name, double value, const char* unit) {
+    char buf[128];
+    std::snprintf(buf, sizeof buf, "  %-16s %14.4f %s\n", name, value, unit);
+    os << buf;
+}
+
+const char* const kModeNames[] = {nullptr, "2FSK", "4FSK", "2FSK_B", "BPSK", "QPSK", "8PSK",
+                                  "16QAM", "ASK", "64QAM", "AM", "FM", "PM", "SHIFT", "I_A",
+                                  "I_B", "128QAM", "256QAM", "32QAM"};
+
+}  // namespace
 
 const char* codeMeaning(int code) {
     switch (code) {
@@ -22,13 +35,15 @@ const char* codeMeaning(int code) {
     }
 }
 
-void line(std::ostringstream& os, const char* name, double value, const char* unit) {
-    char buf[128];
-    std::snprintf(buf, sizeof buf, "  %-16s %14.4f %s\n", name, value, unit);
-    os << buf;
-}
+const char* modeName(int code) { return code >= 1 && code <= 18 ? kModeNames[code] : "unknown"; }
 
-}  // namespace
+int modeCode(const std::string& s) {
+    for (int code = 1; code <= 18; ++code)
+        if (s == kModeNames[code]) return code;
+    char* end = nullptr;
+    const long v = std::strtol(s.c_str(), &end, 10);
+    return (end != s.c_str() && *end == '\0' && v >= 1 && v <= 18) ? static_cast<int>(v) : -1;
+}
 
 Result analyse(const Request& request, bool dump) {
     // Every array sized by the capacities the public header publishes for
@@ -115,25 +130,6 @@ std::string report(const Request& request, const Result& result) {
         os << counts;
     }
     return os.str();
-}
-
-bool readCapture(const std::string& path, std::vector<int16_t>& I, std::vector<int16_t>& Q) {
-    std::ifstream f(path, std::ios::binary);
-    if (!f) return false;
-    std::vector<int16_t> raw;
-    int16_t pair[2];
-    while (f.read(reinterpret_cast<char*>(pair), sizeof pair)) {
-        raw.push_back(pair[0]);
-        raw.push_back(pair[1]);
-        if (raw.size() > 2 * kMaxSamples + 2) break;  // longer than any accepted block
-    }
-    I.clear();
-    Q.clear();
-    for (size_t k = 0; k + 1 < raw.size(); k += 2) {
-        I.push_back(raw[k]);
-        Q.push_back(raw[k + 1]);
-    }
-    return true;
 }
 
 }  // namespace vantrel::analyzer

@@ -31,7 +31,12 @@ Result analyse(const Request& request, bool dump);
 // The figures an instrument displays, one per line.
 std::string report(const Request& request, const Result& result);
 
-// Reads interleaved native int16 I,Q samples; false on error.
-bool readCapture(const std::string& path, std::vector<int16_t>& I, std::vector<int16_t>& Q);
+// The meaning of a return code of the library's call.
+const char* codeMeaning(int code);
+
+// The analyzer's name of a modulation code ("QPSK", "AM", ...), or "unknown".
+const char* modeName(int code);
+// The code of a name or of a decimal code 1..18; -1 when it is neither.
+int modeCode(const std::string& name);
 
 }  // namespace vantrel::analyzer
