@@ -67,7 +67,10 @@ SymbolClock estimate_symbol_clock(const std::vector<double>& v, double spsNomina
     out.rateErrorPpm = (spsNominal / out.period - 1.0) * 1e6;
     out.coherence = mag > 0.0 ? std::abs(coherent) / mag : 0.0;
     out.lineRatio = total > 0.0 ? std::abs(coherent) / total : 0.0;
-    out.valid = std::isfinite(out.period) && std::isfinite(tau);
+    // A clock more than 10 % from the nominal rate is not a symbol clock but a
+    // misfit (noise); refusing it also bounds the number of instants.
+    out.valid = std::isfinite(out.period) && std::isfinite(tau) &&
+                std::fabs(out.rateErrorPpm) < 1e5;
     return out;
 }
 
