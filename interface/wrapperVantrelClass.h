@@ -187,6 +187,53 @@ VANTREL_API int VantrelExcute(int handle, const int16_t* I, const int16_t* Q,
 /* The next handle to be given out. */
 VANTREL_API extern int objcount;
 
+/* ---- Measurement mode ----
+ * A second analysis of the same block that reports what the signal physically
+ * is, in instrument units (docs/measurements.md defines every figure). This
+ * record has natural alignment (it is not packed like the two above). A figure
+ * that does not apply to the signal's family, or that this release does not
+ * yet estimate, is NaN, never 0. */
+typedef struct VantrelMeasurement {
+    uint32_t size;               /* in: sizeof(VantrelMeasurement); out: bytes filled */
+    uint32_t flags;              /* VANTREL_MEAS_* bits */
+    uint32_t symbolCount;        /* symbols the symbol figures cover (0 for analog) */
+    uint32_t reserved;           /* 0 */
+    double carrierOffsetHz;      /* carrier frequency relative to the capture's 0 Hz */
+    double symbolRateErrorPpm;   /* (measured - nominal) / nominal * 1e6 */
+    double merDb;                /* modulation error ratio */
+    double cnrDb;                /* carrier power / noise power in the occupied band */
+    double evmRmsPercent;        /* RMS error vector / RMS of the ideal points */
+    double evmPeakPercent;
+    double evm95Percent;         /* 95th percentile */
+    double magErrRmsPercent;
+    double phaseErrRmsDeg;
+    double iqOffsetDb;           /* origin offset relative to the signal, dB */
+    double iqGainImbalanceDb;    /* 20 log10(gain I / gain Q) */
+    double quadErrorDeg;         /* quadrature error, degrees */
+    double occupiedBandwidthHz;  /* bandwidth holding 99 % of the power */
+    double fskDeviationHz;       /* peak deviation of the outer tone */
+    double fskErrorPercent;      /* RMS FSK error / deviation */
+    double amDepthPercent;       /* AM modulation depth */
+    double fmDeviationHz;        /* FM peak deviation */
+    double pmDeviationRad;       /* PM peak deviation */
+    double modulationRateHz;     /* digital: measured symbol rate; analog: tone frequency */
+} VantrelMeasurement;
+
+/* The symbol clock (resp. carrier) estimator has converged; the criteria are
+ * given in docs/measurements.md. */
+#define VANTREL_MEAS_TIMING_LOCKED 1u
+#define VANTREL_MEAS_CARRIER_LOCKED 2u
+
+/* Measures one block. Handles, validation and return codes are those of
+ * VantrelExcute (with fsMin not taken and no debug capture); in addition m
+ * null or m->size below sizeof(VantrelMeasurement) gives -1. out may be NULL;
+ * when given, it receives the constellation, eye, symbols, bits and
+ * per-symbol arrays of the analysis within the published capacities, with
+ * symbolsLen counting symbols and bitsLen counting bits. */
+VANTREL_API int VantrelMeasure(int handle, const int16_t* I, const int16_t* Q, uint32_t inLen,
+                               const ExParamOut* param, double fsIn, VantrelMeasurement* m,
+                               DisplayData* out);
+
 /* ---- Host buffer capacities ----
  * The largest count the library can write into each DisplayData array for a
  * block of inLen samples (inLen <= 320000 for any accepted call) analysed as
@@ -326,6 +373,30 @@ VANTREL_STATIC_ASSERT(offsetof(DisplayData, iTraceLen) == 256, DD_iTraceLen);
 VANTREL_STATIC_ASSERT(offsetof(DisplayData, shiftedIQ) == 260, DD_shiftedIQ);
 VANTREL_STATIC_ASSERT(offsetof(DisplayData, shiftedIQLen) == 268, DD_shiftedIQLen);
 VANTREL_STATIC_ASSERT(offsetof(DisplayData, snr) == 272, DD_snr);
+
+VANTREL_STATIC_ASSERT(sizeof(VantrelMeasurement) == 168, VantrelMeasurement_size);
+VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, flags) == 4, VM_flags);
+VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, symbolCount) == 8, VM_symbolCount);
+VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, reserved) == 12, VM_reserved);
+VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, carrierOffsetHz) == 16, VM_carrierOffsetHz);
+VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, symbolRateErrorPpm) == 24, VM_symbolRateErrorPpm);
+VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, merDb) == 32, VM_merDb);
+VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, cnrDb) == 40, VM_cnrDb);
+VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, evmRmsPercent) == 48, VM_evmRmsPercent);
+VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, evmPeakPercent) == 56, VM_evmPeakPercent);
+VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, evm95Percent) == 64, VM_evm95Percent);
+VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, magErrRmsPercent) == 72, VM_magErrRmsPercent);
+VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, phaseErrRmsDeg) == 80, VM_phaseErrRmsDeg);
+VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, iqOffsetDb) == 88, VM_iqOffsetDb);
+VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, iqGainImbalanceDb) == 96, VM_iqGainImbalanceDb);
+VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, quadErrorDeg) == 104, VM_quadErrorDeg);
+VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, occupiedBandwidthHz) == 112, VM_occupiedBandwidthHz);
+VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, fskDeviationHz) == 120, VM_fskDeviationHz);
+VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, fskErrorPercent) == 128, VM_fskErrorPercent);
+VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, amDepthPercent) == 136, VM_amDepthPercent);
+VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, fmDeviationHz) == 144, VM_fmDeviationHz);
+VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, pmDeviationRad) == 152, VM_pmDeviationRad);
+VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, modulationRateHz) == 160, VM_modulationRateHz);
 
 /* ---- C++ only: the process-wide instance registry. ---- */
 #ifdef __cplusplus

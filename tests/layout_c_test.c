@@ -24,6 +24,11 @@ int main(void) {
     CHECK(offsetof(DisplayData, peakLevel) == 164);
     CHECK(offsetof(DisplayData, shiftedIQLen) == 268);
     CHECK(offsetof(DisplayData, snr) == 272);
+    CHECK(sizeof(VantrelMeasurement) == 168);
+    CHECK(offsetof(VantrelMeasurement, carrierOffsetHz) == 16);
+    CHECK(offsetof(VantrelMeasurement, iqOffsetDb) == 88);
+    CHECK(offsetof(VantrelMeasurement, modulationRateHz) == 160);
+    CHECK(VANTREL_MEAS_TIMING_LOCKED == 1u && VANTREL_MEAS_CARRIER_LOCKED == 2u);
     CHECK(MOD_128QAM == 16 && MOD_256QAM == 17 && MOD_32QAM == 18);
     CHECK(MT_ANALOG == 4 && FILTER_HALFSINE == 5);
     CHECK(sizeof(bool) == 1);

@@ -17,6 +17,7 @@
 #include "capture_input.h"
 #include "demo_capture.h"
 #include "json_report.h"
+#include "measurement_report.h"
 
 using namespace vantrel::analyzer;
 
@@ -53,6 +54,8 @@ void usage(FILE* to) {
         "  --json FILE      also write the JSON report (docs/analyzer-json.md); '-' writes\n"
         "                   it to standard output instead of the text report\n"
         "  --dump           let the library write its debug capture files here\n"
+        "  --measure        also run the measurement mode (VantrelMeasure) on each block\n"
+        "                   and print its figures with units (docs/measurements.md)\n"
         "  --demo           analyse the built-in demo capture (QPSK, 8 samples per symbol,\n"
         "                   RRC 0.35, 30 dB Es/N0, 300 Hz offset, small I/Q impairments)\n",
         to);
@@ -85,7 +88,7 @@ struct Options {
     std::optional<double> fs, rb, rolloff, fsMin;
     std::optional<int> mode, filter;
     std::string json;
-    bool demo = false, dump = false;
+    bool demo = false, dump = false, measure = false;
 };
 
 Options parse(int argc, char** argv) {
@@ -98,6 +101,7 @@ Options parse(int argc, char** argv) {
         }
         if (a == "--demo") { o.demo = true; continue; }
         if (a == "--dump") { o.dump = true; continue; }
+        if (a == "--measure") { o.measure = true; continue; }
         if (a == "--blocks") { o.input.blocks = true; continue; }
         if (a.rfind("--", 0) != 0) fail("unexpected argument '" + a + "'; see --help");
         if (i + 1 >= argc) fail("missing value after " + a + "; see --help");
@@ -212,6 +216,18 @@ int main(int argc, char** argv) {
                     std::printf("  %-14s %14.6g .. %-14.6g  std %.4g %s\n", f.name, sp.min,
                                 sp.max, sp.std, f.unit);
             }
+        }
+    }
+    if (o.measure && o.json != "-") {
+        for (uint64_t b = 0; b < capture.numBlocks; ++b) {
+            Request block = request;
+            const auto from = static_cast<std::ptrdiff_t>(b * capture.count);
+            const auto to = from + static_cast<std::ptrdiff_t>(capture.count);
+            block.I.assign(capture.I.begin() + from, capture.I.begin() + to);
+            block.Q.assign(capture.Q.begin() + from, capture.Q.begin() + to);
+            int code = 0;
+            if (capture.numBlocks > 1) std::printf("block %llu ", static_cast<unsigned long long>(b));
+            std::fputs(measurementReport(block, &code).c_str(), stdout);
         }
     }
     if (!o.json.empty()) {

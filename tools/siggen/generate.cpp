@@ -48,6 +48,8 @@ Config validated(const Config& in, Family family) {
     require(std::isfinite(c.dcI) && std::isfinite(c.dcQ), "DC offsets must be finite");
     require(std::isfinite(c.timingOffset) && std::fabs(c.timingOffset) <= 1.0,
             "timing offset must lie in [-1, 1] symbols");
+    require(std::isfinite(c.clockOffsetPpm) && std::fabs(c.clockOffsetPpm) <= 1000.0,
+            "symbol clock offset must lie in [-1000, 1000] ppm");
     require(std::isfinite(c.peak) && c.peak > 0.0 && c.peak <= 32767.0,
             "peak must lie in (0, 32767]");
     require(std::isfinite(c.rms) && c.rms >= 0.0 && c.rms <= 32767.0,
@@ -107,10 +109,13 @@ void scatterPulses(const std::vector<double>& values, long k0, int L,
 
 // The digital waveform at the output rate and the truth that goes with it.
 std::vector<Cplx> digitalWaveform(const Config& c, long Ns, Result& r) {
-    const bool resample = !isInteger(c.sps);
-    const int L = resample ? 2 * static_cast<int>(std::ceil(c.sps))
+    // Output samples per transmitted symbol: the clock error stretches or
+    // shrinks the symbol period against the fixed sample rate.
+    const double period = c.sps / (1.0 + c.clockOffsetPpm * 1e-6);
+    const bool resample = !isInteger(c.sps) || c.clockOffsetPpm != 0.0;
+    const int L = resample ? 2 * static_cast<int>(std::ceil(period))
                            : static_cast<int>(std::lround(c.sps));
-    const double step = double(L) / c.sps;  // input samples per output sample
+    const double step = double(L) / period;  // input samples per output sample
     std::unique_ptr<Resampler> rs;
     long K = 0;
     if (resample) {
@@ -140,7 +145,8 @@ std::vector<Cplx> digitalWaveform(const Config& c, long Ns, Result& r) {
         re[j] = alpha.points[s].real();
         im[j] = alpha.points[s].imag();
     }
-    r.firstSymbolSample = (double(k0) + c.timingOffset) * c.sps;
+    r.firstSymbolSample = (double(k0) + c.timingOffset) * period;
+    r.symbolPeriod = period;
 
     std::vector<double> xi(nMax - nMin + 1, 0.0), xq(nMax - nMin + 1, 0.0);
     std::vector<Cplx> x(xi.size());
@@ -156,7 +162,7 @@ std::vector<Cplx> digitalWaveform(const Config& c, long Ns, Result& r) {
         // The phase integrates the frequency by the trapezoidal rule, so the
         // centred difference arg(x[n+1] conj(x[n-1])) sees the frequency of
         // sample n itself (no half-sample lag).
-        const double fsIn = L * c.Rb;
+        const double fsIn = L * c.Rb * (1.0 + c.clockOffsetPpm * 1e-6);
         double phase = 0.0;
         for (std::size_t n = 0; n < x.size(); ++n) {
             x[n] = std::polar(1.0, phase);

@@ -56,6 +56,7 @@ const char* kUsage =
     "  --skew RAD        quadrature skew, Q' = sin(skew) I + cos(skew) Q\n"
     "  --dc-i X, --dc-q X  DC offset added to the int16 I and Q\n"
     "  --timing T        symbol-timing delay in symbols, -1..1\n"
+    "  --clock-ppm P     symbol-clock error in ppm, -1000..1000\n"
     "\n"
     "Output:\n"
     "  --peak P          largest |I| or |Q| before DC, int16 units (default 16384)\n"
@@ -145,6 +146,7 @@ Options parse(int argc, char** argv) {
         {"--dc-i", [&](const std::string& f, const std::string& v) { c.dcI = toDouble(f, v); }},
         {"--dc-q", [&](const std::string& f, const std::string& v) { c.dcQ = toDouble(f, v); }},
         {"--timing", [&](const std::string& f, const std::string& v) { c.timingOffset = toDouble(f, v); }},
+        {"--clock-ppm", [&](const std::string& f, const std::string& v) { c.clockOffsetPpm = toDouble(f, v); }},
         {"--peak", [&](const std::string& f, const std::string& v) { c.peak = toDouble(f, v); }},
         {"--rms", [&](const std::string& f, const std::string& v) { c.rms = toDouble(f, v); }},
         {"--out", [&](const std::string&, const std::string& v) { o.out = v; }},

@@ -40,6 +40,10 @@
 //               symbol j moves from j*sps to (j + timing)*sps samples. It is
 //               built into the pulse taps, so it is exact at any sps.
 //   carrier     frequency offset in Hz and initial phase in radians.
+//   clock [ppm] symbol-clock error: the transmitted symbol rate is
+//               Rb * (1 + ppm * 1e-6) while fs stays sps * Rb, so symbol j
+//               sits at (j + timing) * sps / (1 + ppm * 1e-6) samples. The
+//               waveform then takes the resampling path below.
 //
 // Resampling (non-integer sps): the pulses are generated at L = 2*ceil(sps)
 // samples per symbol and interpolated to sps by a Kaiser-windowed sinc
@@ -81,6 +85,7 @@ struct Config {
     double quadSkew = 0.0;      // rad
     double dcI = 0.0, dcQ = 0.0;  // int16 units
     double timingOffset = 0.0;  // symbols, |timing| <= 1
+    double clockOffsetPpm = 0.0;  // symbol clock error, |ppm| <= 1000 (digital)
 
     double peak = 16384.0;  // largest |I| or |Q| (before DC) in int16 units ...
     double rms = 0.0;       // ... or, when > 0, the RMS of |I + jQ| instead
@@ -113,8 +118,9 @@ struct Result {
     // grid, the ASK amplitude, or the FSK level (+-1, +-3) on the real axis.
     std::vector<std::complex<double>> points;
     // Output sample index (may be negative or fractional) of the ideal instant
-    // of symbols[0]; symbol j is at firstSymbolSample + j*sps.
+    // of symbols[0]; symbol j is at firstSymbolSample + j*symbolPeriod.
     double firstSymbolSample = 0.0;
+    double symbolPeriod = 0.0;  // samples per transmitted symbol (sps with no clock error)
 
     // Complex baseband after every impairment except scaling and DC: the
     // int16 samples are round(scale * baseband + dc).

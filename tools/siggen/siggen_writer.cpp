@@ -125,6 +125,7 @@ std::string truthJson(const Result& r, const std::string& binName, const std::st
                           {"dc_i", c.dcI},
                           {"dc_q", c.dcQ},
                           {"timing_offset_symbols", c.timingOffset},
+                          {"clock_offset_ppm", c.clockOffsetPpm},
                           {"scale", r.scale}};
     if (!analog) {
         doc["truth"] = {{"order", r.order},
@@ -132,6 +133,7 @@ std::string truthJson(const Result& r, const std::string& binName, const std::st
                         {"internal_samples_per_symbol", r.internalSps},
                         {"resampled", r.resampled},
                         {"first_symbol_sample", r.firstSymbolSample},
+                        {"symbol_period_samples", r.symbolPeriod},
                         {"symbol_count", r.symbols.size()},
                         {"symbols", "@SYMBOLS@"},
                         {"bits", "@BITS@"}};

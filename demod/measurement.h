@@ -1,0 +1,57 @@
+// Measurement mode: the estimators behind VantrelMeasure.
+//
+// The measurement runs on the host's raw samples, beside (never inside) the
+// standard analysis, so the standard figures cannot move. One pipeline record
+// carries every intermediate result from stage to stage; a later stage (the
+// error-vector figures, the FSK figures) reads the symbol instants, the
+// decided ideal points and the carrier model from it instead of estimating
+// them again.
+#pragma once
+
+#include <complex>
+#include <cstdint>
+#include <vector>
+
+#include "measurement_dsp.h"
+#include "wrapperVantrelClass.h"
+
+struct MeasurementPipeline {
+    // Inputs.
+    std::vector<vantrel::meas::cd> raw;  // I + jQ in int16 units
+    double fs = 0.0;                     // sample rate, Hz
+    double rb = 0.0;                     // nominal symbol rate, Hz (digital)
+    uint32_t mode = 0;
+    int filterType = FILTER_RRC;
+    double rolloff = 0.35;
+    ModType family = MT_PSK;
+    int order = 0;
+
+    // Symbol clock (digital families).
+    vantrel::meas::SymbolClock clock;
+    std::vector<double> instants;  // symbol instants, samples from the block start
+
+    // Carrier model: phase(n) = 2 pi carrierHz n / fs + phase0 (radians).
+    double carrierHz = 0.0;
+    double phase0 = 0.0;
+
+    // Symbol-domain results (PSK, QAM, ASK): matched-filter outputs at the
+    // instants with the carrier removed and the I/Q impairments compensated,
+    // normalised to the ideal grid, and the decided ideal points.
+    std::vector<vantrel::meas::cd> symbols;
+    std::vector<vantrel::meas::cd> ideal;
+    // FSK: the per-symbol mean frequency (Hz, carrier removed) and levels.
+    std::vector<double> fskFrequency;
+    std::vector<int> fskLevel;
+
+    // I/Q impairment model of the raw samples: raw = alpha s + beta conj(s) + dc.
+    vantrel::meas::cd alpha{1.0, 0.0}, beta{0.0, 0.0}, dc{0.0, 0.0};
+};
+
+// Fills the figures of a digital family (PSK, QAM, ASK, FSK) into m; figures
+// that cannot be estimated stay NaN.
+void measureDigital(MeasurementPipeline& p, VantrelMeasurement& m);
+// Fills the figures of the analog codes.
+void measureAnalog(MeasurementPipeline& p, VantrelMeasurement& m);
+// Occupied bandwidth, carrier-to-noise ratio and I/Q origin offset from the
+// power spectrum, around the measured carrier; guardHz bounds the signal band.
+void measureBand(const MeasurementPipeline& p, double guardHz, VantrelMeasurement& m);

@@ -1,0 +1,128 @@
+// Estimators of the measurement mode (VantrelMeasure).
+//
+// These routines serve only the measurement figures; the standard analysis
+// never calls them, so nothing here can move a figure of VantrelExcute. They
+// work in double precision on std::complex<double> and std::vector (the entry
+// turns an allocation failure into the out-of-memory return code).
+//
+// Units: sample indices and "cycles per sample" unless a name says Hz; phases
+// in radians.
+#pragma once
+
+#include <complex>
+#include <cstddef>
+#include <vector>
+
+namespace vantrel::meas {
+
+using cd = std::complex<double>;
+
+// ---- spectral_lines.cpp ----
+
+// In-place forward DFT X[k] = sum_n x[n] exp(-j 2 pi k n / N); N a power of two.
+void fft_pow2(std::vector<cd>& x);
+
+// sum_{n<len} w[n] x[n] exp(-j 2 pi f n), w the Hann window over len samples
+// when hann is true, else 1. f in cycles per sample. The phasor is advanced by
+// multiplication and re-seeded every 256 samples (error below 1e-13).
+cd dtft_at(const cd* x, std::size_t len, double f, bool hann);
+
+// The strongest spectral line of x within [-0.5, 0.5) cycles per sample:
+// coarse search on a zero-padded FFT (at least four times the length, Hann
+// window), then golden-section refinement of |DTFT|^2 within +-1 coarse bin.
+// Returns the frequency in cycles per sample; *amp (if given) receives the
+// rectangular-window DTFT at it divided by len (the line's complex amplitude
+// for a pure tone), *strength the ratio |amp|^2 / mean |x|^2 (1 for a pure
+// tone, about 1/len for noise). realOnly folds the search onto [0, 0.5] (for
+// real signals, whose lines come in +-f pairs).
+double strongest_line(const cd* x, std::size_t len, bool realOnly, cd* amp, double* strength);
+
+// Least-squares fit of y[n] = c0 + a cos(2 pi f n) + b sin(2 pi f n)
+// (+ c1 n when withSlope): returns {c0, a, b, c1}.
+struct ToneFit {
+    double c0 = 0.0, a = 0.0, b = 0.0, c1 = 0.0;
+    double amplitude() const;
+};
+ToneFit fit_tone(const double* y, std::size_t len, double f, bool withSlope);
+
+// ---- matched_pulse.cpp ----
+
+// Receive filter for a shaping pulse at sps samples per symbol (sps may be
+// non-integer): taps h[k], k = 0..2H, centred on H, scaled to unit DC gain
+// (sum h = 1) so that a constant (an I/Q origin offset) passes unchanged.
+//   RRC  (1): the matched root raised cosine, span +-8 symbols;
+//   RC   (2): the transmit pulse is already free of inter-symbol
+//             interference, so a Kaiser-windowed low-pass with cut-off
+//             ((1 + beta) / 2 + 0.1) Rb removes out-of-band noise only;
+//   Gauss(3): the matched Gaussian (BT = beta), span +-4 symbols;
+//   rect (4), half sine (5): the matched one-symbol pulse.
+std::vector<double> receive_filter(int filterType, double beta, double sps);
+
+// y[n] = sum_k h[k] x[n + k - H] (zero-phase, zeros outside the block).
+std::vector<cd> filter_centred(const std::vector<cd>& x, const std::vector<double>& h);
+
+// Value at fractional position t (samples) by a 32-tap Kaiser-windowed sinc
+// (beta 8); zero outside the block. Exact at integer t.
+cd interpolate_at(const std::vector<cd>& x, double t);
+double interpolate_at(const std::vector<double>& x, double t);
+
+// ---- symbol_clock.cpp ----
+
+// Symbol clock from the spectral line that a squared-magnitude (or squared
+// frequency) stream v carries at the symbol rate. The stream is cut into
+// blocks of 64 nominal symbols; each block's line phasor
+//   c_b = sum_{n in b} v[n] exp(-j 2 pi n / spsNominal)
+// has the phase -2 pi tau0 / T + 2 pi n_b (1/T - 1/spsNominal), T the true
+// symbol period and tau0 the first symbol instant. The unwrapped phases are
+// fitted by a straight line weighted by |c_b|.
+struct SymbolClock {
+    bool valid = false;
+    double period = 0.0;      // measured samples per symbol
+    double firstInstant = 0.0;  // tau0 in [0, period)
+    double rateErrorPpm = 0.0;  // (nominal period / period - 1) * 1e6
+    double coherence = 0.0;   // |sum_b c_b exp(-j fit_b)| / sum_b |c_b|, 1 = perfectly steady
+    double lineRatio = 0.0;   // |sum_b c_b exp(-j fit_b)| / sum v: line strength
+};
+SymbolClock estimate_symbol_clock(const std::vector<double>& v, double spsNominal);
+
+// ---- widely_linear_fit.cpp ----
+
+// Complex least squares y[k] = sum_j p[j] u_j[k] for up to four regressors;
+// returns false when the normal equations are singular.
+bool complex_least_squares(const std::vector<cd>& y, const std::vector<std::vector<cd>>& u,
+                           std::vector<cd>& p);
+
+// I/Q impairments from the widely-linear coefficients of y = alpha s +
+// beta conj(s) (+ c): with s = u + jv the received (I, Q) = W (u, v),
+//   W = [[Re(alpha+beta), -Im(alpha-beta)], [Im(alpha+beta), Re(alpha-beta)]],
+// and W = A M R(theta) for a scale A, a rotation R and the impairment
+//   M = [[g, 0], [sin(phi), cos(phi)]]   (I' = g I, Q' = sin(phi) I + cos(phi) Q),
+// so P = W W^T = A^2 M M^T gives g^2 = P11 / P22 and sin(phi) =
+// P12 / sqrt(P11 P22) independently of the unknown carrier phase and scale.
+struct IqImbalance {
+    double gainDb = 0.0;   // 20 log10 g
+    double quadDeg = 0.0;  // phi in degrees
+};
+IqImbalance iq_imbalance(cd alpha, cd beta);
+
+// ---- occupied_bandwidth.cpp ----
+
+// Welch power spectral density of x: Blackman-Harris (4-term) segments of
+// nfft samples, half overlapping, scaled so that sum(psd) * fs / nfft equals
+// the mean power. Bin k (0..nfft-1) is at frequency (k - nfft/2) fs / nfft.
+std::vector<double> welch_psd(const std::vector<cd>& x, std::size_t nfft);
+
+// 99 % occupied bandwidth and the noise floor around a carrier at fc (Hz).
+// The noise density is the mean PSD over the bins farther than `guard` Hz
+// from fc (needs at least 16 such bins); it is subtracted from every bin,
+// and the band [fc - guard, fc + guard] is integrated: the 0.5 % and 99.5 %
+// points of the cumulative power (interpolated within a bin) bound the
+// occupied band. Signal power is the integral of the band less the noise.
+struct BandFigures {
+    double obwHz;          // NaN when no noise region exists
+    double signalPower;    // sample units^2, NaN likewise
+    double noiseDensity;   // power per Hz, NaN likewise
+};
+BandFigures occupied_band(const std::vector<double>& psd, double fs, double fc, double guard);
+
+}  // namespace vantrel::meas

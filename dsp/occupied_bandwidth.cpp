@@ -1,0 +1,84 @@
+// Power spectral density, 99 % occupied bandwidth and the noise floor.
+#include <cmath>
+
+#include "measurement_dsp.h"
+
+namespace vantrel::meas {
+
+namespace {
+constexpr double kTwoPi = 6.283185307179586;
+}  // namespace
+
+std::vector<double> welch_psd(const std::vector<cd>& x, std::size_t nfft) {
+    std::vector<double> psd(nfft, 0.0);
+    if (nfft < 2 || x.size() < nfft) return psd;
+    std::vector<double> w(nfft);
+    double wpow = 0.0;
+    for (std::size_t n = 0; n < nfft; ++n) {
+        const double a = kTwoPi * double(n) / double(nfft);
+        w[n] = 0.35875 - 0.48829 * std::cos(a) + 0.14128 * std::cos(2 * a) -
+               0.01168 * std::cos(3 * a);
+        wpow += w[n] * w[n];
+    }
+    const std::size_t hop = nfft / 2;
+    std::size_t segments = 0;
+    std::vector<cd> buf(nfft);
+    for (std::size_t start = 0; start + nfft <= x.size(); start += hop) {
+        for (std::size_t n = 0; n < nfft; ++n) buf[n] = x[start + n] * w[n];
+        fft_pow2(buf);
+        for (std::size_t k = 0; k < nfft; ++k) psd[(k + nfft / 2) % nfft] += std::norm(buf[k]);
+        ++segments;
+    }
+    // For white noise of power P, E|X_k|^2 = P sum w^2, so dividing by
+    // nfft * sum w^2 leaves P / nfft per bin: the bins sum to the mean power.
+    const double norm = 1.0 / (double(segments) * wpow * double(nfft));
+    for (double& p : psd) p *= norm;
+    return psd;
+}
+
+BandFigures occupied_band(const std::vector<double>& psd, double fs, double fc, double guard) {
+    const double nan = std::nan("");
+    BandFigures r{nan, nan, nan};
+    const std::size_t nfft = psd.size();
+    if (nfft < 32 || !(fs > 0.0) || !std::isfinite(fc) || !(guard > 0.0)) return r;
+    const double df = fs / double(nfft);
+    auto freqOf = [&](std::size_t k) { return (double(k) - double(nfft / 2)) * df; };
+    double noise = 0.0;
+    std::size_t noiseBins = 0;
+    for (std::size_t k = 0; k < nfft; ++k) {
+        if (std::fabs(freqOf(k) - fc) > guard) {
+            noise += psd[k];
+            ++noiseBins;
+        }
+    }
+    if (noiseBins < 16) return r;
+    noise /= double(noiseBins);  // power per bin
+
+    std::vector<double> band;
+    std::vector<double> edges;  // lower edge frequency of each bin in the band
+    for (std::size_t k = 0; k < nfft; ++k) {
+        if (std::fabs(freqOf(k) - fc) <= guard) {
+            band.push_back(psd[k] - noise);
+            edges.push_back(freqOf(k) - 0.5 * df);
+        }
+    }
+    double total = 0.0;
+    for (double p : band) total += p;
+    if (!(total > 0.0)) return r;
+    auto crossing = [&](double target) {
+        double cum = 0.0;
+        for (std::size_t i = 0; i < band.size(); ++i) {
+            const double next = cum + band[i];
+            if (next >= target && band[i] > 0.0)
+                return edges[i] + df * (target - cum) / band[i];
+            cum = next;
+        }
+        return edges.back() + df;
+    };
+    r.obwHz = crossing(0.995 * total) - crossing(0.005 * total);
+    r.signalPower = total;
+    r.noiseDensity = noise / df;
+    return r;
+}
+
+}  // namespace vantrel::meas

@@ -1,0 +1,159 @@
+// Spectral lines for the measurement mode: FFT, DTFT at one frequency, the
+// strongest line to a small fraction of a bin, and a sinusoid fit.
+#include <algorithm>
+#include <cmath>
+
+#include "measurement_dsp.h"
+
+namespace vantrel::meas {
+
+namespace {
+constexpr double kTwoPi = 6.283185307179586;
+
+std::size_t nextPow2(std::size_t n) {
+    std::size_t p = 1;
+    while (p < n) p <<= 1;
+    return p;
+}
+}  // namespace
+
+// Iterative radix-2 decimation in time; twiddles computed directly (no
+// recurrence) so the error stays at rounding level for any length.
+void fft_pow2(std::vector<cd>& x) {
+    const std::size_t n = x.size();
+    for (std::size_t i = 1, j = 0; i < n; ++i) {
+        std::size_t bit = n >> 1;
+        for (; j & bit; bit >>= 1) j ^= bit;
+        j ^= bit;
+        if (i < j) std::swap(x[i], x[j]);
+    }
+    for (std::size_t len = 2; len <= n; len <<= 1) {
+        const std::size_t half = len / 2;
+        std::vector<cd> tw(half);
+        for (std::size_t k = 0; k < half; ++k)
+            tw[k] = std::polar(1.0, -kTwoPi * double(k) / double(len));
+        for (std::size_t i = 0; i < n; i += len) {
+            for (std::size_t k = 0; k < half; ++k) {
+                const cd t = x[i + k + half] * tw[k];
+                x[i + k + half] = x[i + k] - t;
+                x[i + k] += t;
+            }
+        }
+    }
+}
+
+cd dtft_at(const cd* x, std::size_t len, double f, bool hann) {
+    cd acc(0.0, 0.0);
+    cd rot(1.0, 0.0);
+    const cd step = std::polar(1.0, -kTwoPi * f);
+    for (std::size_t n = 0; n < len; ++n) {
+        if ((n & 255u) == 0) rot = std::polar(1.0, -kTwoPi * std::fmod(f * double(n), 1.0));
+        const double w =
+            hann ? 0.5 - 0.5 * std::cos(kTwoPi * (double(n) + 0.5) / double(len)) : 1.0;
+        acc += w * x[n] * rot;
+        rot *= step;
+    }
+    return acc;
+}
+
+double strongest_line(const cd* x, std::size_t len, bool realOnly, cd* amp, double* strength) {
+    if (len == 0) {
+        if (amp) *amp = 0.0;
+        if (strength) *strength = 0.0;
+        return 0.0;
+    }
+    const std::size_t nfft = std::min<std::size_t>(nextPow2(4 * len), std::size_t(1) << 22);
+    const std::size_t used = std::min(len, nfft);
+    std::vector<cd> buf(nfft, cd(0.0, 0.0));
+    for (std::size_t n = 0; n < used; ++n)
+        buf[n] = x[n] * (0.5 - 0.5 * std::cos(kTwoPi * (double(n) + 0.5) / double(used)));
+    fft_pow2(buf);
+    std::size_t best = 0;
+    double bestPower = -1.0;
+    for (std::size_t k = 0; k < nfft; ++k) {
+        const bool upper = k > nfft / 2;
+        if (realOnly && upper) continue;
+        const double p = std::norm(buf[k]);
+        if (p > bestPower) {
+            bestPower = p;
+            best = k;
+        }
+    }
+    double fc = double(best) / double(nfft);
+    if (fc >= 0.5) fc -= 1.0;
+    // Golden-section search of the Hann-windowed |DTFT|^2 within one bin of
+    // the coarse peak (the windowed peak is unimodal there).
+    const double bin = 1.0 / double(nfft);
+    double lo = fc - bin, hi = fc + bin;
+    const double g = 0.6180339887498949;
+    auto power = [&](double f) { return std::norm(dtft_at(x, len, f, true)); };
+    double a = hi - g * (hi - lo), b = lo + g * (hi - lo);
+    double pa = power(a), pb = power(b);
+    for (int it = 0; it < 40; ++it) {
+        if (pa > pb) {
+            hi = b;
+            b = a;
+            pb = pa;
+            a = hi - g * (hi - lo);
+            pa = power(a);
+        } else {
+            lo = a;
+            a = b;
+            pa = pb;
+            b = lo + g * (hi - lo);
+            pb = power(b);
+        }
+    }
+    const double f = 0.5 * (lo + hi);
+    const cd line = dtft_at(x, len, f, false) / double(len);
+    if (amp) *amp = line;
+    if (strength) {
+        double p = 0.0;
+        for (std::size_t n = 0; n < len; ++n) p += std::norm(x[n]);
+        p /= double(len);
+        *strength = p > 0.0 ? std::norm(line) / p : 0.0;
+    }
+    return f;
+}
+
+double ToneFit::amplitude() const { return std::hypot(a, b); }
+
+// Normal equations of the 3- or 4-parameter model, solved by Gaussian
+// elimination with partial pivoting. The slope regressor is centred on the
+// block's middle to keep the system well conditioned, then shifted back.
+ToneFit fit_tone(const double* y, std::size_t len, double f, bool withSlope) {
+    const int m = withSlope ? 4 : 3;
+    double A[4][5] = {};
+    const double mid = 0.5 * double(len == 0 ? 0 : len - 1);
+    for (std::size_t n = 0; n < len; ++n) {
+        const double ph = kTwoPi * std::fmod(f * double(n), 1.0);
+        const double r[4] = {1.0, std::cos(ph), std::sin(ph), double(n) - mid};
+        for (int i = 0; i < m; ++i) {
+            for (int j = 0; j < m; ++j) A[i][j] += r[i] * r[j];
+            A[i][m] += r[i] * y[n];
+        }
+    }
+    for (int c = 0; c < m; ++c) {
+        int piv = c;
+        for (int r = c + 1; r < m; ++r)
+            if (std::fabs(A[r][c]) > std::fabs(A[piv][c])) piv = r;
+        for (int k = 0; k <= m; ++k) std::swap(A[c][k], A[piv][k]);
+        if (A[c][c] == 0.0) return ToneFit{};
+        for (int r = 0; r < m; ++r) {
+            if (r == c) continue;
+            const double q = A[r][c] / A[c][c];
+            for (int k = c; k <= m; ++k) A[r][k] -= q * A[c][k];
+        }
+    }
+    ToneFit t;
+    t.c0 = A[0][m] / A[0][0];
+    t.a = A[1][m] / A[1][1];
+    t.b = A[2][m] / A[2][2];
+    if (withSlope) {
+        t.c1 = A[3][m] / A[3][3];
+        t.c0 -= t.c1 * mid;
+    }
+    return t;
+}
+
+}  // namespace vantrel::meas
