@@ -375,6 +375,7 @@ VANTREL_STATIC_ASSERT(offsetof(DisplayData, shiftedIQLen) == 268, DD_shiftedIQLe
 VANTREL_STATIC_ASSERT(offsetof(DisplayData, snr) == 272, DD_snr);
 
 VANTREL_STATIC_ASSERT(sizeof(VantrelMeasurement) == 168, VantrelMeasurement_size);
+VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, size) == 0, VM_size);
 VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, flags) == 4, VM_flags);
 VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, symbolCount) == 8, VM_symbolCount);
 VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, reserved) == 12, VM_reserved);

@@ -204,3 +204,18 @@ def test_command_exit_status(captures, tmp_path, what, args, status, words):
         assert not out.exists()
     else:
         assert json.loads(out.read_text())["results"][0]["return_code"]["value"] == -3
+
+
+def test_measure_reports_the_applied_offset_with_units(captures):
+    """Measurement mode on the 300 Hz QPSK capture: the whole carrier offset
+    in Hz, the loops' flags, NaN for what is not measured, and the standard
+    analysis of the same block alongside; refusals raise as analyze does."""
+    iq, fs = vantrel.read_sigmf(captures["qpsk"])
+    m = vantrel.measure(iq, fs, 25000, "QPSK")
+    assert abs(m.carrierOffsetHz - 300.0) < 1.0
+    assert m.timing_locked and m.carrier_locked
+    assert np.isnan(m.amDepthPercent)  # not a figure of a digital family
+    assert m.units["carrierOffsetHz"] == "Hz" and m.figures()["cnrDb"][1] == "dB"
+    assert len(m.analysis.constI) == 800
+    with pytest.raises(vantrel.BadArgumentError):
+        vantrel.measure(iq[:16000], fs, 25000, "QPSK")

@@ -23,7 +23,7 @@ from ._lib import (CODE_MEANINGS, FILTERS, MODE_NAMES, MODES, LibraryNotFoundErr
                    family)
 
 __all__ = [
-    "analyze", "Analyzer", "Analysis", "AnalysisError", "BadArgumentError",
+    "analyze", "measure", "Measurement", "Analyzer", "Analysis", "AnalysisError", "BadArgumentError",
     "TooShortError", "TooFewPointsError", "NoInstanceError", "CaptureError",
     "LibraryNotFoundError", "read_sigmf", "read_raw", "to_int16", "MODES",
     "FILTERS", "mode_code", "family", "version",
@@ -202,6 +202,41 @@ class Analysis:
                 f"{self.evmRms:.4g} %, snr {self.snr:.4g} dB, {len(self.constI)} points>")
 
 
+class Measurement:
+    """The figures of one measurement-mode call (:func:`vantrel.measure`).
+
+    Every field of the library's ``VantrelMeasurement`` record is an attribute
+    of the same name: floats in the unit its name ends with (``Hz``, ``Ppm``,
+    ``Db``, ``Deg``, ``Rad``, ``Percent``), NaN where the figure does not apply
+    to the family or is not measured yet.  ``flags``, ``timing_locked`` and
+    ``carrier_locked`` say which loops converged; ``analysis`` is the
+    :class:`Analysis` of the same block (its arrays and standard figures).
+    ``units`` maps each figure to its unit.
+    """
+
+    units = dict(_lib.MEASUREMENT_FIGURES)
+
+    def __init__(self, record, code, analysis):
+        self.return_code = code
+        self.flags = int(record.flags)
+        self.symbolCount = int(record.symbolCount)
+        self.timing_locked = bool(self.flags & _lib.MEAS_TIMING_LOCKED)
+        self.carrier_locked = bool(self.flags & _lib.MEAS_CARRIER_LOCKED)
+        for name, _ in _lib.MEASUREMENT_FIGURES:
+            setattr(self, name, float(getattr(record, name)))
+        self.analysis = analysis
+
+    def figures(self):
+        """{name: (value, unit)} of every figure, NaN included."""
+        return {name: (getattr(self, name), unit) for name, unit in _lib.MEASUREMENT_FIGURES}
+
+    def __repr__(self):
+        shown = ", ".join(f"{name}={value:.6g} {unit}"
+                          for name, (value, unit) in self.figures().items()
+                          if not math.isnan(value))
+        return f"Measurement({shown})"
+
+
 class Analyzer:
     """One analysis instance of the library, for many calls.
 
@@ -244,59 +279,102 @@ class Analyzer:
     def analyze(self, iq, fs, rb, mode, filter="rrc", rolloff=0.35, fs_min=0.0,
                 scale=None, dump=False):
         """Analyse one block; see :func:`vantrel.analyze`."""
-        code = mode_code(mode)
-        ftype = _filter_code(filter)
-        fs = _finite("fs", fs)
-        if rb is None and family(code) == "ANALOG":
-            rb = 0.0  # the analog analyses need no symbol rate
-        rb = _finite("rb", rb)
-        rolloff = _finite("rolloff", rolloff)
+        code, ftype, fs, rb, rolloff = self._arguments(mode, filter, fs, rb, rolloff)
         fs_min = _finite("fs_min", fs_min)
         block, used_scale, rule, clipped = to_int16(iq, scale)
-        n = block.shape[0]
-        if n > 0xFFFFFFFF:
-            raise ValueError(f"{n} samples do not fit the call's 32-bit length")
-        if self.handle is None:
-            raise NoInstanceError("this Analyzer has been closed", -4)
+        n = self._length(block)
 
-        # Host buffers sized with the published capacities for this length
-        # and mode; longer blocks than a call accepts are refused before
-        # anything is written, so the sizing stops at that length.
-        sized = min(n, _lib.MAX_BLOCK)
-        buffers, record = {}, _lib.DisplayData()
-        for name, _, dtype, kind, _ in _lib.ARRAYS:
-            cap = _lib.capacity(kind, sized, code)
-            buffers[name] = np.zeros(max(cap, 1), dtype=dtype)[:cap]
-            ctype = _lib.ctypes.c_uint32 if dtype == "u4" else _lib.ctypes.c_double
-            setattr(record, name, buffers[name].ctypes.data_as(_lib.ctypes.POINTER(ctype)))
+        record, buffers = _host_record(n, code)
         param = _lib.ExParamOut(Rb=rb, mode=code, rolloff=rolloff, filterType=ftype)
-        i_part = np.ascontiguousarray(block[:, 0])
-        q_part = np.ascontiguousarray(block[:, 1])
-        p16 = _lib.ctypes.POINTER(_lib.ctypes.c_int16)
+        i_part, q_part = _rails(block)
         with _call_lock:
             rc = self._lib.VantrelExcute(
-                self.handle, i_part.ctypes.data_as(p16), q_part.ctypes.data_as(p16), n,
-                _lib.ctypes.byref(param), False, bool(dump), _lib.ctypes.byref(record),
-                fs_min, fs)
+                self.handle, i_part, q_part, n, _lib.ctypes.byref(param), False, bool(dump),
+                _lib.ctypes.byref(record), fs_min, fs)
         result = Analysis(record, buffers, rc, dict(
             fs=fs, rb=rb, mode=code, filter_type=ftype, rolloff=rolloff, fs_min=fs_min,
             n_samples=n, scale=used_scale, scale_rule=rule, clipped=clipped))
         if rc == 0:
             return result
-        if rc == -1:
-            msg = _bad_argument_rule(n, fs, rb, code, fs_min)
-        elif rc == 1:
-            msg = (f"the block holds {n * rb / fs:.1f} symbols, fewer than 2000; give at "
-                   f"least {math.ceil(2000 * fs / rb)} samples")
-        elif rc == -3:
-            msg = (f"{result.mode_name}: fewer than 800 constellation points came out of "
-                   "the demodulator (signal not locked, wrong mode or rate, or a family "
-                   "the library cannot demodulate yet)")
-        elif rc == -4:
-            msg = "unknown instance, or the library ran out of memory"
-        else:
-            msg = f"the library returned the unknown code {rc}"
-        raise _ERRORS.get(rc, AnalysisError)(f"{msg} (return code {rc})", rc, result)
+        raise _failure(rc, result, n, fs, rb, code, fs_min)
+
+    def measure(self, iq, fs, rb, mode, filter="rrc", rolloff=0.35, scale=None):
+        """Measure one block in measurement mode; see :func:`vantrel.measure`."""
+        code, ftype, fs, rb, rolloff = self._arguments(mode, filter, fs, rb, rolloff)
+        block, used_scale, rule, clipped = to_int16(iq, scale)
+        n = self._length(block)
+        record, buffers = _host_record(n, code)
+        param = _lib.ExParamOut(Rb=rb, mode=code, rolloff=rolloff, filterType=ftype)
+        figures = _lib.VantrelMeasurement(size=_lib.ctypes.sizeof(_lib.VantrelMeasurement))
+        i_part, q_part = _rails(block)
+        with _call_lock:
+            rc = self._lib.VantrelMeasure(
+                self.handle, i_part, q_part, n, _lib.ctypes.byref(param), fs,
+                _lib.ctypes.byref(figures), _lib.ctypes.byref(record))
+        params = dict(fs=fs, rb=rb, mode=code, filter_type=ftype, rolloff=rolloff,
+                      fs_min=0.0, n_samples=n, scale=used_scale, scale_rule=rule,
+                      clipped=clipped)
+        analysis = Analysis(record, buffers, rc, params)
+        result = Measurement(figures, rc, analysis)
+        if rc == 0:
+            return result
+        raise _failure(rc, analysis, n, fs, rb, code, 0.0)
+
+    def _arguments(self, mode, filter, fs, rb, rolloff):
+        code = mode_code(mode)
+        ftype = _filter_code(filter)
+        fs = _finite("fs", fs)
+        if rb is None and family(code) == "ANALOG":
+            rb = 0.0  # the analog analyses need no symbol rate
+        return code, ftype, fs, _finite("rb", rb), _finite("rolloff", rolloff)
+
+    def _length(self, block):
+        n = block.shape[0]
+        if n > 0xFFFFFFFF:
+            raise ValueError(f"{n} samples do not fit the call's 32-bit length")
+        if self.handle is None:
+            raise NoInstanceError("this Analyzer has been closed", -4)
+        return n
+
+
+def _host_record(n, code):
+    """A DisplayData whose arrays are numpy buffers sized with the published
+    capacities for this length and mode; longer blocks than a call accepts are
+    refused before anything is written, so the sizing stops at that length."""
+    sized = min(n, _lib.MAX_BLOCK)
+    buffers, record = {}, _lib.DisplayData()
+    for name, _, dtype, kind, _ in _lib.ARRAYS:
+        cap = _lib.capacity(kind, sized, code)
+        buffers[name] = np.zeros(max(cap, 1), dtype=dtype)[:cap]
+        ctype = _lib.ctypes.c_uint32 if dtype == "u4" else _lib.ctypes.c_double
+        setattr(record, name, buffers[name].ctypes.data_as(_lib.ctypes.POINTER(ctype)))
+    return record, buffers
+
+
+def _rails(block):
+    """The I and Q rails of an (n, 2) int16 block as C pointers (the arrays
+    stay alive through the pointers' _objects)."""
+    p16 = _lib.ctypes.POINTER(_lib.ctypes.c_int16)
+    return (np.ascontiguousarray(block[:, 0]).ctypes.data_as(p16),
+            np.ascontiguousarray(block[:, 1]).ctypes.data_as(p16))
+
+
+def _failure(rc, result, n, fs, rb, code, fs_min):
+    """The exception for a non-zero return code, with a message that says why."""
+    if rc == -1:
+        msg = _bad_argument_rule(n, fs, rb, code, fs_min)
+    elif rc == 1:
+        msg = (f"the block holds {n * rb / fs:.1f} symbols, fewer than 2000; give at "
+               f"least {math.ceil(2000 * fs / rb)} samples")
+    elif rc == -3:
+        msg = (f"{result.mode_name}: fewer than 800 constellation points came out of "
+               "the demodulator (signal not locked, wrong mode or rate, or a family "
+               "the library cannot demodulate yet)")
+    elif rc == -4:
+        msg = "unknown instance, or the library ran out of memory"
+    else:
+        msg = f"the library returned the unknown code {rc}"
+    return _ERRORS.get(rc, AnalysisError)(f"{msg} (return code {rc})", rc, result)
 
 
 _shared = None
@@ -358,3 +436,28 @@ def analyze(iq, fs, rb, mode, filter="rrc", rolloff=0.35, fs_min=0.0, scale=None
     """
     return _shared_analyzer().analyze(iq, fs, rb, mode, filter=filter, rolloff=rolloff,
                                       fs_min=fs_min, scale=scale, dump=dump)
+
+
+def measure(iq, fs, rb, mode, filter="rrc", rolloff=0.35, scale=None):
+    """Measure one block in measurement mode: the figures an instrument user
+    reads (carrier offset in Hz, symbol-clock error, I/Q offset and imbalance
+    in dB and degrees, occupied bandwidth, C/N, true AM depth and FM/PM
+    deviation), beside the standard analysis of the same block.
+
+    Parameters are those of :func:`analyze` (``fs_min`` is not taken).
+
+    Returns
+    -------
+    Measurement
+
+    Raises
+    ------
+    The same exceptions as :func:`analyze`, for the same return codes.
+
+    Examples
+    --------
+    >>> m = vantrel.measure(samples, fs, rb=25000, mode="QPSK")
+    >>> m.carrierOffsetHz, m.units["carrierOffsetHz"]
+    """
+    return _shared_analyzer().measure(iq, fs, rb, mode, filter=filter, rolloff=rolloff,
+                                      scale=scale)

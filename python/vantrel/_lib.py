@@ -135,6 +135,29 @@ ARRAYS = [
 # shared library does not export; they are restated here and the test suite
 # compiles the header to check that both agree for every code.
 
+# The measurement record, natural alignment, 168 bytes: (field, unit).
+MEASUREMENT_FIGURES = [
+    ("carrierOffsetHz", "Hz"), ("symbolRateErrorPpm", "ppm"), ("merDb", "dB"),
+    ("cnrDb", "dB"), ("evmRmsPercent", "%"), ("evmPeakPercent", "%"),
+    ("evm95Percent", "%"), ("magErrRmsPercent", "%"), ("phaseErrRmsDeg", "deg"),
+    ("iqOffsetDb", "dB"), ("iqGainImbalanceDb", "dB"), ("quadErrorDeg", "deg"),
+    ("occupiedBandwidthHz", "Hz"), ("fskDeviationHz", "Hz"), ("fskErrorPercent", "%"),
+    ("amDepthPercent", "%"), ("fmDeviationHz", "Hz"), ("pmDeviationRad", "rad"),
+    ("modulationRateHz", "Hz"),
+]
+MEAS_TIMING_LOCKED = 1
+MEAS_CARRIER_LOCKED = 2
+
+
+class VantrelMeasurement(ctypes.Structure):
+    _fields_ = ([("size", ctypes.c_uint32), ("flags", ctypes.c_uint32),
+                 ("symbolCount", ctypes.c_uint32), ("reserved", ctypes.c_uint32)] +
+                [(name, ctypes.c_double) for name, _ in MEASUREMENT_FIGURES])
+
+
+assert ctypes.sizeof(VantrelMeasurement) == 168
+
+
 def _u32(x):
     return x & 0xFFFFFFFF
 
@@ -239,6 +262,11 @@ def _declare(lib):
         ctypes.c_uint32, ctypes.POINTER(ExParamOut), ctypes.c_bool, ctypes.c_bool,
         ctypes.POINTER(DisplayData), ctypes.c_double, ctypes.c_double]
     lib.VantrelExcute.restype = ctypes.c_int
+    lib.VantrelMeasure.argtypes = [
+        ctypes.c_int, ctypes.POINTER(ctypes.c_int16), ctypes.POINTER(ctypes.c_int16),
+        ctypes.c_uint32, ctypes.POINTER(ExParamOut), ctypes.c_double,
+        ctypes.POINTER(VantrelMeasurement), ctypes.POINTER(DisplayData)]
+    lib.VantrelMeasure.restype = ctypes.c_int
     return lib
 
 
