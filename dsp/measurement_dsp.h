@@ -17,7 +17,7 @@ namespace vantrel::meas {
 
 using cd = std::complex<double>;
 
-// ---- spectral_lines.cpp ----
+// ---- line_search.cpp ----
 
 // In-place forward DFT X[k] = sum_n x[n] exp(-j 2 pi k n / N); N a power of two.
 void fft_pow2(std::vector<cd>& x);
