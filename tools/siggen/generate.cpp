@@ -29,8 +29,6 @@ Config validated(const Config& in, Family family) {
     require(std::isfinite(c.Rb) && c.Rb > 0.0, "symbol rate must be a positive number of Hz");
     require(std::isfinite(c.sps) && c.sps >= 1.0 && c.sps <= 64.0,
             "samples per symbol must lie in [1, 64]");
-    require(isInteger(c.sps) || c.sps >= 2.0,
-            "a non-integer samples-per-symbol ratio must be at least 2");
     const double fs = c.sps * c.Rb;
     require(c.numSamples > 0 || (c.numSymbols > 0 && c.numSymbols * c.sps <= kMaxSamples),
             "symbol count must be positive and give at most 20000000 samples");
@@ -119,7 +117,9 @@ std::vector<Cplx> digitalWaveform(const Config& c, long Ns, Result& r) {
     std::unique_ptr<Resampler> rs;
     long K = 0;
     if (resample) {
-        rs = std::make_unique<Resampler>(step);
+        // Below two samples per symbol the band edge of a shaped pulse comes
+        // close to half the output rate: a narrower transition keeps it.
+        rs = std::make_unique<Resampler>(step, period < 2.0 ? 0.1 : 0.2);
         K = rs->halfLength();
     }
     r.internalSps = L;

@@ -31,7 +31,7 @@ const char* kUsage =
     "  --mode M          BPSK QPSK 8PSK 16QAM 32QAM 64QAM 128QAM 256QAM ASK 2FSK\n"
     "                    4FSK 2FSK_B AM FM PM SHIFT I_A I_B, or the code 1..18\n"
     "  --rb HZ           symbol rate (default 25000); sample rate fs = sps * rb\n"
-    "  --sps X           samples per symbol, integer 1..64 or non-integer >= 2\n"
+    "  --sps X           samples per symbol, 1..64 (non-integer: resampled)\n"
     "                    (resampled; default 8)\n"
     "  --fs HZ           sample rate instead of --rb (rb = fs / sps)\n"
     "  --symbols N       capture length in symbols (default 4000)\n"

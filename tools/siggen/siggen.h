@@ -48,7 +48,8 @@
 // Resampling (non-integer sps): the pulses are generated at L = 2*ceil(sps)
 // samples per symbol and interpolated to sps by a Kaiser-windowed sinc
 // polyphase filter (see siggen_resampler.h): passband ripple within +/-0.0001 dB up
-// to 0.4*fs_out, stopband rejection at least 99 dB beyond 0.6*fs_out.
+// to 0.4*fs_out, stopband rejection at least 99 dB beyond 0.6*fs_out (below
+// two samples per symbol: up to 0.45*fs_out and beyond 0.55*fs_out).
 #pragma once
 
 #include <complex>
@@ -69,7 +70,7 @@ enum class Family { PSK, QAM, ASK, FSK, Analog };
 struct Config {
     int mode = 5;              // library mode code (1..18)
     double Rb = 25000.0;       // symbol rate in Hz; fs = sps * Rb
-    double sps = 8.0;          // samples per symbol, 1..64 (non-integer: >= 2)
+    double sps = 8.0;          // samples per symbol, 1..64 (non-integer: resampled)
     int filterType = kRRC;     // shaping pulse, library FilterType code 1..5
     double rolloff = 0.35;     // roll-off of RRC/RC, or BT of the Gaussian
     int span = 12;             // pulse span in symbols (RRC, RC, Gaussian), even

@@ -27,14 +27,17 @@ double besselI0(double x) {
 
 }  // namespace
 
-Resampler::Resampler(double step) : step_(step) {
+Resampler::Resampler(double step, double transition) : step_(step) {
     if (!(step >= 1.0 && step <= 64.0))
         throw std::invalid_argument("resampler step must lie in [1, 64]");
-    // Kaiser's length estimate for 100 dB over a transition of 0.2/step
-    // cycles per input sample: N = (A - 7.95) / (14.36 * df) = 32 * step.
+    if (!(transition >= 0.05 && transition <= 0.2))
+        throw std::invalid_argument("resampler transition must lie in [0.05, 0.2]");
+    // Kaiser's length estimate for 100 dB over a transition of
+    // transition/step cycles per input sample: N = (A - 7.95) / (14.36 * df),
+    // 32 * step for the usual 0.2.
     const double attenuation = 100.0;
     const double beta = 0.1102 * (attenuation - 8.7);
-    K_ = static_cast<int>(std::ceil(16.0 * step + 1.0));
+    K_ = static_cast<int>(std::ceil(3.2 * step / transition + 1.0));
     const double fc = 0.5 / step;
     const double i0beta = besselI0(beta);
     const int n = K_ * kPhases + 2;

@@ -7,7 +7,8 @@
 //   h(x) = 2 fc sinc(2 fc x) * I0(b sqrt(1 - (x/K)^2)) / I0(b),  |x| <= K,
 // with the cutoff fc = 0.5 / step cycles per input sample (half the output
 // rate), a transition band from 0.4 to 0.6 of the output rate and a window
-// designed for 100 dB (b = 0.1102 (100 - 8.7), K = ceil(16 * step + 1)). The
+// designed for 100 dB (b = 0.1102 (100 - 8.7), K = ceil(16 * step + 1); a
+// narrower transition lengthens K in proportion). The
 // kernel is tabulated at 1/1024 of an input sample and interpolated linearly
 // between table entries.
 //
@@ -28,7 +29,11 @@ namespace vantrel::siggen {
 
 class Resampler {
 public:
-    explicit Resampler(double step);
+    // transition: width of the transition band as a fraction of the output
+    // rate, centred on half of it (0.2: from 0.4 to 0.6 of f_out; below two
+    // samples per symbol 0.1, from 0.45 to 0.55, keeps a roll-off band that
+    // reaches 0.45 f_out intact).
+    explicit Resampler(double step, double transition = 0.2);
     // Kernel half-length K in input samples.
     int halfLength() const { return K_; }
     double kernel(double x) const;
