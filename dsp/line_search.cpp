@@ -27,16 +27,31 @@ void fft_pow2(std::vector<cd>& x) {
         j ^= bit;
         if (i < j) std::swap(x[i], x[j]);
     }
-    for (std::size_t len = 2; len <= n; len <<= 1) {
-        const std::size_t half = len / 2;
-        std::vector<cd> tw(half);
-        for (std::size_t k = 0; k < half; ++k)
-            tw[k] = std::polar(1.0, -kTwoPi * double(k) / double(len));
-        for (std::size_t i = 0; i < n; i += len) {
+    // Twiddles laid out stage after stage: stage len (half = len / 2) reads
+    // exp(-j 2 pi k / len), k < half, contiguously from offset half - 1.
+    // Kept per thread for the next transform of the same size (a Welch
+    // estimate runs hundreds).
+    thread_local std::vector<cd> table;
+    if (table.size() != n - 1 && n > 1) {
+        table.resize(n - 1);
+        for (std::size_t half = 1; half < n; half <<= 1)
+            for (std::size_t k = 0; k < half; ++k)
+                table[half - 1 + k] = std::polar(1.0, -kTwoPi * double(k) / double(2 * half));
+    }
+    cd* data = x.data();
+    for (std::size_t half = 1; half < n; half <<= 1) {
+        const cd* w = table.data() + (half - 1);
+        for (std::size_t i = 0; i < n; i += 2 * half) {
+            cd* lo = data + i;
+            cd* up = lo + half;
             for (std::size_t k = 0; k < half; ++k) {
-                const cd t = x[i + k + half] * tw[k];
-                x[i + k + half] = x[i + k] - t;
-                x[i + k] += t;
+                // The product written out: every value here is finite, so
+                // the infinity-aware complex multiply is not needed.
+                const double ur = up[k].real(), ui = up[k].imag();
+                const double wr = w[k].real(), wi = w[k].imag();
+                const cd t(ur * wr - ui * wi, ur * wi + ui * wr);
+                up[k] = lo[k] - t;
+                lo[k] += t;
             }
         }
     }
@@ -56,17 +71,25 @@ cd dtft_at(const cd* x, std::size_t len, double f, bool hann) {
     return acc;
 }
 
-double strongest_line(const cd* x, std::size_t len, bool realOnly, cd* amp, double* strength) {
+double strongest_line(const cd* x, std::size_t len, bool realOnly, cd* amp, double* strength,
+                      int zeroPad) {
     if (len == 0) {
         if (amp) *amp = 0.0;
         if (strength) *strength = 0.0;
         return 0.0;
     }
-    const std::size_t nfft = std::min<std::size_t>(nextPow2(4 * len), std::size_t(1) << 22);
+    const std::size_t pad = static_cast<std::size_t>(std::max(1, zeroPad));
+    const std::size_t nfft = std::min<std::size_t>(nextPow2(pad * len), std::size_t(1) << 22);
     const std::size_t used = std::min(len, nfft);
+    // The Hann-windowed block, formed once: the coarse FFT and every step of
+    // the refinement read it.
+    std::vector<cd> windowed(len);
+    for (std::size_t n = 0; n < len; ++n)
+        windowed[n] = (0.5 - 0.5 * std::cos(kTwoPi * (double(n) + 0.5) / double(len))) * x[n];
     std::vector<cd> buf(nfft, cd(0.0, 0.0));
     for (std::size_t n = 0; n < used; ++n)
-        buf[n] = x[n] * (0.5 - 0.5 * std::cos(kTwoPi * (double(n) + 0.5) / double(used)));
+        buf[n] = used == len ? windowed[n]
+                             : x[n] * (0.5 - 0.5 * std::cos(kTwoPi * (double(n) + 0.5) / double(used)));
     fft_pow2(buf);
     std::size_t best = 0;
     double bestPower = -1.0;
@@ -86,10 +109,11 @@ double strongest_line(const cd* x, std::size_t len, bool realOnly, cd* amp, doub
     const double bin = 1.0 / double(nfft);
     double lo = fc - bin, hi = fc + bin;
     const double g = 0.6180339887498949;
-    auto power = [&](double f) { return std::norm(dtft_at(x, len, f, true)); };
+    auto power = [&](double f) { return std::norm(dtft_at(windowed.data(), len, f, false)); };
     double a = hi - g * (hi - lo), b = lo + g * (hi - lo);
     double pa = power(a), pb = power(b);
-    for (int it = 0; it < 40; ++it) {
+    // Stop once the bracket is below 1e-4 of a bin (or after 40 steps).
+    for (int it = 0; it < 40 && hi - lo > 1e-4 * bin; ++it) {
         if (pa > pb) {
             hi = b;
             b = a;

@@ -46,7 +46,7 @@ double rootRaisedCosine(double t, double beta) {
 }
 }  // namespace
 
-std::vector<double> receive_filter(int filterType, double beta, double sps) {
+std::vector<double> receive_filter(int filterType, double beta, double sps, double maxHalfSpan) {
     double halfSpan = 0.5;  // symbols
     switch (filterType) {
     case 1: halfSpan = 8.0; break;
@@ -54,6 +54,7 @@ std::vector<double> receive_filter(int filterType, double beta, double sps) {
     case 3: halfSpan = 4.0; break;
     default: halfSpan = 0.5; break;
     }
+    halfSpan = std::fmin(halfSpan, maxHalfSpan);
     const int H = static_cast<int>(std::floor(halfSpan * sps));
     std::vector<double> h(2 * static_cast<std::size_t>(H) + 1, 0.0);
     const double cutoff = std::fmin(0.5 * (1.0 + beta) + 0.1, 0.5 * sps);  // in Rb
@@ -78,43 +79,73 @@ std::vector<double> receive_filter(int filterType, double beta, double sps) {
 }
 
 std::vector<cd> filter_centred(const std::vector<cd>& x, const std::vector<double>& h) {
-    const long n = static_cast<long>(x.size());
-    const long H = static_cast<long>(h.size() / 2);
-    std::vector<cd> y(x.size(), cd(0.0, 0.0));
-    for (long i = 0; i < n; ++i) {
-        const long lo = std::max(0L, i - H), hi = std::min(n - 1, i + H);
-        double re = 0.0, im = 0.0;
-        for (long m = lo; m <= hi; ++m) {
-            const double w = h[static_cast<std::size_t>(m - i + H)];
-            re += w * x[static_cast<std::size_t>(m)].real();
-            im += w * x[static_cast<std::size_t>(m)].imag();
-        }
-        y[static_cast<std::size_t>(i)] = cd(re, im);
+    const std::size_t n = x.size(), taps = h.size(), H = taps / 2;
+    std::vector<cd> y(n, cd(0.0, 0.0));
+    if (n == 0 || taps == 0) return y;
+    // A complex array is an array of (re, im) double pairs, and a real tap
+    // scales both alike: the sums run over the interleaved doubles.
+    const double* xd = reinterpret_cast<const double*>(x.data());
+    double* yd = reinterpret_cast<double*>(y.data());
+    // Outputs whose taps all fall inside the block read x in place; the few
+    // near either end read a zero-padded copy of the first and last 2H.
+    const std::size_t edge = std::min(n, 2 * H);
+    std::vector<double> head(2 * (edge + 2 * H), 0.0), tail(2 * (edge + 2 * H), 0.0);
+    for (std::size_t i = 0; i < edge; ++i) {
+        head[2 * (i + H)] = x[i].real();
+        head[2 * (i + H) + 1] = x[i].imag();
+        tail[2 * (i + H)] = x[n - edge + i].real();
+        tail[2 * (i + H) + 1] = x[n - edge + i].imag();
     }
+    auto run = [&](double* out, const double* in, std::size_t count) {
+        // Four taps per sweep of a block of outputs (added in tap order, as
+        // one tap per sweep would), so each output is loaded and stored a
+        // quarter as often; blocks of 1024 outputs stay in cache.
+        constexpr std::size_t kBlock = 1024;
+        for (std::size_t b = 0; b < count; b += kBlock) {
+            const std::size_t len = 2 * (std::min(count, b + kBlock) - b);
+            double* __restrict o = out + 2 * b;
+            std::size_t k = 0;
+            for (; k + 4 <= taps; k += 4) {
+                const double w0 = h[k], w1 = h[k + 1], w2 = h[k + 2], w3 = h[k + 3];
+                const double* __restrict v = in + 2 * (b + k);
+                for (std::size_t i = 0; i < len; ++i)
+                    o[i] = (((o[i] + w0 * v[i]) + w1 * v[i + 2]) + w2 * v[i + 4]) + w3 * v[i + 6];
+            }
+            for (; k < taps; ++k) {
+                const double w = h[k];
+                const double* __restrict v = in + 2 * (b + k);
+                for (std::size_t i = 0; i < len; ++i) o[i] += w * v[i];
+            }
+        }
+    };
+    if (n <= 2 * H) {
+        // Short block: everything from the padded copy.
+        std::vector<double> padded(2 * (n + 2 * H), 0.0);
+        for (std::size_t i = 0; i < n; ++i) {
+            padded[2 * (i + H)] = x[i].real();
+            padded[2 * (i + H) + 1] = x[i].imag();
+        }
+        run(yd, padded.data(), n);
+        return y;
+    }
+    run(yd, head.data(), H);                                   // outputs 0 .. H-1
+    run(yd + 2 * H, xd, n - 2 * H);                            // outputs H .. n-H-1
+    run(yd + 2 * (n - H), tail.data() + 2 * (edge - H), H);    // outputs n-H .. n-1
     return y;
 }
 
 namespace {
-constexpr int kInterpHalf = 16;
-
-template <class T>
-T interpolateGeneric(const std::vector<T>& x, double t) {
-    const long n = static_cast<long>(x.size());
-    const double fl = std::floor(t);
-    const long base = static_cast<long>(fl);
-    const double frac = t - fl;
-    T acc = T(0.0);
-    if (frac == 0.0) return (base >= 0 && base < n) ? x[static_cast<std::size_t>(base)] : acc;
-    for (long m = base - kInterpHalf + 1; m <= base + kInterpHalf; ++m) {
-        if (m < 0 || m >= n) continue;
-        const double d = t - double(m);
-        acc += x[static_cast<std::size_t>(m)] * (sinc(d) * kaiser(d, kInterpHalf, 8.0));
-    }
-    return acc;
+const FractionalFilter& symbolInterpolator() {
+    static const FractionalFilter f(0.5, 16, 8.0);
+    return f;
 }
 }  // namespace
 
-cd interpolate_at(const std::vector<cd>& x, double t) { return interpolateGeneric(x, t); }
-double interpolate_at(const std::vector<double>& x, double t) { return interpolateGeneric(x, t); }
+cd interpolate_at(const std::vector<cd>& x, double t) {
+    return symbolInterpolator().at(x.data(), static_cast<long>(x.size()), t);
+}
+double interpolate_at(const std::vector<double>& x, double t) {
+    return symbolInterpolator().at(x.data(), static_cast<long>(x.size()), t);
+}
 
 }  // namespace vantrel::meas

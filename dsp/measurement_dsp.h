@@ -35,7 +35,10 @@ cd dtft_at(const cd* x, std::size_t len, double f, bool hann);
 // for a pure tone), *strength the ratio |amp|^2 / mean |x|^2 (1 for a pure
 // tone, about 1/len for noise). realOnly folds the search onto [0, 0.5] (for
 // real signals, whose lines come in +-f pairs).
-double strongest_line(const cd* x, std::size_t len, bool realOnly, cd* amp, double* strength);
+// zeroPad sets the coarse FFT to at least zeroPad times the length (the
+// refinement makes the final figure independent of it).
+double strongest_line(const cd* x, std::size_t len, bool realOnly, cd* amp, double* strength,
+                      int zeroPad = 4);
 
 // Least-squares fit of y[n] = c0 + a cos(2 pi f n) + b sin(2 pi f n)
 // (+ c1 n when withSlope): returns {c0, a, b, c1}.
@@ -56,15 +59,52 @@ ToneFit fit_tone(const double* y, std::size_t len, double f, bool withSlope);
 //             ((1 + beta) / 2 + 0.1) Rb removes out-of-band noise only;
 //   Gauss(3): the matched Gaussian (BT = beta), span +-4 symbols;
 //   rect (4), half sine (5): the matched one-symbol pulse.
-std::vector<double> receive_filter(int filterType, double beta, double sps);
+// maxHalfSpan (symbols) cuts the span shorter.
+std::vector<double> receive_filter(int filterType, double beta, double sps,
+                                   double maxHalfSpan = 8.0);
 
 // y[n] = sum_k h[k] x[n + k - H] (zero-phase, zeros outside the block).
+// Computed tap by tap over blocks of outputs, so the inner loop is a plain
+// multiply-add over contiguous memory that the compiler vectorises.
 std::vector<cd> filter_centred(const std::vector<cd>& x, const std::vector<double>& h);
 
 // Value at fractional position t (samples) by a 32-tap Kaiser-windowed sinc
-// (beta 8); zero outside the block. Exact at integer t.
+// (beta 8, a FractionalFilter with fc = 0.5); zero outside the block.
 cd interpolate_at(const std::vector<cd>& x, double t);
 double interpolate_at(const std::vector<double>& x, double t);
+
+// ---- fractional_filter.cpp ----
+
+// Band-limited value of a sampled signal at any position t (input samples):
+//   x(t) = sum_j x[j] h(t - j),  h(d) = 2 fc sinc(2 fc d) kaiser(d / K, beta),
+// fc the cut-off in cycles per input sample and K taps on each side; samples
+// outside 0..n-1 count as zero. The kernel is tabulated at 512 fractional
+// positions (polyphase rows, blended linearly), so an evaluation costs 4K
+// multiply-adds and no transcendental function. Unit gain at 0 Hz.
+class FractionalFilter {
+public:
+    FractionalFilter(double cutoff, int halfTaps, double kaiserBeta);
+    int halfTaps() const { return K_; }
+    cd at(const cd* x, long n, double t) const;
+    double at(const double* x, long n, double t) const;
+
+private:
+    template <class T>
+    T eval(const T* x, long n, double t) const;
+    static constexpr int kPhases = 512;
+    int K_;
+    std::vector<double> rows_;  // (kPhases + 1) rows of 2K taps
+};
+
+// Anti-alias / anti-image filter for a change from spsIn to spsOut samples
+// per symbol of a signal occupying |f| <= bandEdge symbol rates: flat to the
+// band edge, at least 90 dB down from (lower rate - band edge), where the
+// images or aliases would start to reach the band (Kaiser design).
+FractionalFilter rate_filter(double spsIn, double spsOut, double bandEdge);
+
+// y[m] = x(m step) through f, for every m with m step inside the block;
+// step = input samples per output sample.
+std::vector<cd> convert_rate(const std::vector<cd>& x, double step, const FractionalFilter& f);
 
 // ---- symbol_clock.cpp ----
 
@@ -110,7 +150,8 @@ IqImbalance iq_imbalance(cd alpha, cd beta);
 // Welch power spectral density of x: Blackman-Harris (4-term) segments of
 // nfft samples, half overlapping, scaled so that sum(psd) * fs / nfft equals
 // the mean power. Bin k (0..nfft-1) is at frequency (k - nfft/2) fs / nfft.
-std::vector<double> welch_psd(const std::vector<cd>& x, std::size_t nfft);
+// offset is subtracted from every sample first.
+std::vector<double> welch_psd(const std::vector<cd>& x, std::size_t nfft, cd offset = cd(0.0, 0.0));
 
 // 99 % occupied bandwidth and the noise floor around a carrier at fc (Hz).
 // The noise density is the mean PSD over the bins farther than `guard` Hz

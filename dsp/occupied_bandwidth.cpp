@@ -9,7 +9,7 @@ namespace {
 constexpr double kTwoPi = 6.283185307179586;
 }  // namespace
 
-std::vector<double> welch_psd(const std::vector<cd>& x, std::size_t nfft) {
+std::vector<double> welch_psd(const std::vector<cd>& x, std::size_t nfft, cd offset) {
     std::vector<double> psd(nfft, 0.0);
     if (nfft < 2 || x.size() < nfft) return psd;
     std::vector<double> w(nfft);
@@ -24,7 +24,7 @@ std::vector<double> welch_psd(const std::vector<cd>& x, std::size_t nfft) {
     std::size_t segments = 0;
     std::vector<cd> buf(nfft);
     for (std::size_t start = 0; start + nfft <= x.size(); start += hop) {
-        for (std::size_t n = 0; n < nfft; ++n) buf[n] = x[start + n] * w[n];
+        for (std::size_t n = 0; n < nfft; ++n) buf[n] = (x[start + n] - offset) * w[n];
         fft_pow2(buf);
         for (std::size_t k = 0; k < nfft; ++k) psd[(k + nfft / 2) % nfft] += std::norm(buf[k]);
         ++segments;

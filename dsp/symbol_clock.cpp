@@ -18,12 +18,23 @@ SymbolClock estimate_symbol_clock(const std::vector<double>& v, double spsNomina
     if (!(spsNominal >= 2.0) || block == 0 || n < 4 * block) return out;
     const std::size_t blocks = n / block;
 
+    // At a whole number of samples per symbol the reference phasor repeats
+    // every symbol, so one table of it serves the whole stream.
+    const bool whole = spsNominal == std::floor(spsNominal) && spsNominal <= 64.0;
+    std::vector<cd> table(whole ? static_cast<std::size_t>(spsNominal) : 0);
+    for (std::size_t i = 0; i < table.size(); ++i)
+        table[i] = std::polar(1.0, -kTwoPi * std::fmod(double(i) / spsNominal, 1.0));
     std::vector<cd> c(blocks);
     std::vector<double> centre(blocks);
     double total = 0.0;
     for (std::size_t b = 0; b < blocks; ++b) {
         cd acc(0.0, 0.0);
         for (std::size_t i = b * block; i < (b + 1) * block; ++i) {
+            if (whole) {
+                acc += v[i] * table[i % table.size()];
+                total += v[i];
+                continue;
+            }
             const double cyc = std::fmod(double(i) / spsNominal, 1.0);
             acc += v[i] * std::polar(1.0, -kTwoPi * cyc);
             total += v[i];
