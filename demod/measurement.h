@@ -15,6 +15,10 @@
 #include "measurement_dsp.h"
 #include "wrapperVantrelClass.h"
 
+// Samples per symbol of the analysis stream of the linear families: every
+// capture is brought to this rate before matched filtering and recovery.
+constexpr double kAnalysisSps = 4.0;
+
 struct MeasurementPipeline {
     // Inputs.
     std::vector<vantrel::meas::cd> raw;  // I + jQ in int16 units
@@ -28,7 +32,8 @@ struct MeasurementPipeline {
 
     // Symbol clock (digital families).
     vantrel::meas::SymbolClock clock;
-    std::vector<double> instants;  // symbol instants, samples from the block start
+    std::vector<double> instants;  // symbol instants, in samples of the analysis stream
+    double instantSps = 0.0;       // samples per symbol of that stream (raw: fs / rb)
 
     // Carrier model: phase(n) = 2 pi carrierHz n / fs + phase0 (radians).
     double carrierHz = 0.0;
@@ -39,7 +44,8 @@ struct MeasurementPipeline {
     // normalised to the ideal grid, and the decided ideal points.
     std::vector<vantrel::meas::cd> symbols;
     std::vector<vantrel::meas::cd> ideal;
-    // FSK: the per-symbol mean frequency (Hz, carrier removed) and levels.
+    // FSK: the per-symbol mean frequency (Hz, carrier removed) and the
+    // decided levels (+-1, and +-3 for four levels).
     std::vector<double> fskFrequency;
     std::vector<int> fskLevel;
 
@@ -50,6 +56,18 @@ struct MeasurementPipeline {
 // Fills the figures of a digital family (PSK, QAM, ASK, FSK) into m; figures
 // that cannot be estimated stay NaN.
 void measureDigital(MeasurementPipeline& p, VantrelMeasurement& m);
+void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m);
+// The error-vector figures (MER, EVM, magnitude and phase error) of the
+// symbols in p.symbols against the decided points in p.ideal.
+void measureErrorVector(const MeasurementPipeline& p, VantrelMeasurement& m);
+// The raw block (sps samples per symbol) at kAnalysisSps, through a filter
+// flat to `edge` symbol rates and free of aliases and images beyond it.
+std::vector<vantrel::meas::cd> to_analysis_rate(const std::vector<vantrel::meas::cd>& raw,
+                                                double sps, double edge);
+// The whole measurement of one block (what VantrelMeasure runs after its
+// checks): fills m and leaves every intermediate result in p. Inputs of p
+// (raw, fs, rb, mode, filterType, rolloff, family, order) must be set.
+void measureBlock(MeasurementPipeline& p, VantrelMeasurement& m);
 // Fills the figures of the analog codes.
 void measureAnalog(MeasurementPipeline& p, VantrelMeasurement& m);
 // Occupied bandwidth, carrier-to-noise ratio and I/Q origin offset from the

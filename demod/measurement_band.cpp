@@ -16,9 +16,7 @@ void measureBand(const MeasurementPipeline& p, double guardHz, VantrelMeasuremen
     std::size_t nfft = 256;
     while (double(nfft) < 1024.0 * sps && nfft * 4 <= n) nfft <<= 1;
     while (nfft * 4 > n && nfft > 64) nfft >>= 1;
-    std::vector<cd> x(n);
-    for (std::size_t i = 0; i < n; ++i) x[i] = p.raw[i] - p.dc;
-    const std::vector<double> psd = vantrel::meas::welch_psd(x, nfft);
+    const std::vector<double> psd = vantrel::meas::welch_psd(p.raw, nfft, p.dc);
     const vantrel::meas::BandFigures b =
         vantrel::meas::occupied_band(psd, p.fs, p.carrierHz, guardHz);
     m.occupiedBandwidthHz = b.obwHz;
@@ -27,7 +25,7 @@ void measureBand(const MeasurementPipeline& p, double guardHz, VantrelMeasuremen
     double power = b.signalPower;
     if (!std::isfinite(power)) {
         power = 0.0;
-        for (const cd& v : x) power += std::norm(v);
+        for (const cd& v : p.raw) power += std::norm(v - p.dc);
         power /= double(n);
     }
     if (power > 0.0 && std::norm(p.dc) > 0.0) m.iqOffsetDb = 10.0 * std::log10(std::norm(p.dc) / power);

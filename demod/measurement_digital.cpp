@@ -1,22 +1,22 @@
-// Measurement mode, digital families.
+// Measurement mode, linear digital families (PSK, QAM, ASK).
 //
-// PSK, QAM and ASK:
-//  1. matched filter at the capture's own rate (any samples per symbol);
-//  2. symbol clock from the symbol-rate line of |y|^2, rate and phase fitted
-//     across the whole capture (symbol-rate error, instants);
+//  1. the block is brought to the analysis rate of four samples per symbol
+//     by a designed anti-alias (or anti-image) filter, at any input ratio;
+//  2. matched filter, and the symbol clock from the symbol-rate line of
+//     |y|^2, rate and phase fitted across the whole block (symbol-rate
+//     error, the instant of every symbol);
 //  3. coarse carrier from the M-th power of the symbols (M = 2, 4, 8 for
 //     PSK, 4 for QAM, 1 for ASK whose amplitudes are never negative);
-//  4. carrier removed from the raw samples, matched filter again, symbols
-//     interpolated at the instants;
+//  4. carrier removed from the analysis stream, matched filter again,
+//     symbols interpolated at the instants;
 //  5. decision-directed fit of a straight phase line (phase and residual
 //     frequency) through arg(z_k conj(a_k)), iterated with the decisions;
 //  6. widely-linear least squares of the symbols on the ideal points, their
 //     image and a constant: gain, image (gain imbalance, quadrature error)
 //     and the origin offset; the symbols are compensated and steps 5-6 run
-//     once more.
-// FSK: the instantaneous frequency, its symbol-rate line for the clock, and a
-// regression of each symbol's phase advance on the decided levels of the
-// symbol and its neighbours for the carrier.
+//     again;
+//  7. the error vector of every settled symbol (measurement_error_vector.cpp).
+// FSK takes its own path (measurement_fsk.cpp).
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -29,36 +29,44 @@ namespace {
 
 constexpr double kPi = 3.141592653589793;
 constexpr double kTwoPi = 6.283185307179586;
-const double kNaN = std::numeric_limits<double>::quiet_NaN();
 
 // Ideal points of the linear families, on the grid of odd integers for QAM
 // and on the unit circle for PSK. ASK is handled apart (its levels are
 // measured).
-std::vector<cd> alphabet(ModType family, int order) {
-    std::vector<cd> a;
+struct Constellation {
+    std::vector<cd> points;
+    int side = 0;       // QAM: points per row of the full square grid
+    int corner = 1000;  // QAM: |i| and |q| both beyond it are absent (cross shapes)
+};
+
+Constellation constellation(ModType family, int order) {
+    Constellation c;
     if (family == MT_PSK) {
-        if (order == 2) return {cd(1, 0), cd(-1, 0)};
-        for (int k = 0; k < order; ++k) a.push_back(std::polar(1.0, (2 * k + 1) * kPi / order));
-        return a;
+        if (order == 2) {
+            c.points = {cd(1, 0), cd(-1, 0)};
+            return c;
+        }
+        for (int k = 0; k < order; ++k)
+            c.points.push_back(std::polar(1.0, (2 * k + 1) * kPi / order));
+        return c;
     }
-    if (family != MT_QAM) return a;
-    int side = 0, corner = 1000;  // corner: |i| and |q| both beyond it are absent
+    if (family != MT_QAM) return c;
     switch (order) {
-    case 16: side = 4; break;
-    case 32: side = 6; corner = 3; break;
-    case 64: side = 8; break;
-    case 128: side = 12; corner = 7; break;
-    case 256: side = 16; break;
-    default: return a;
+    case 16: c.side = 4; break;
+    case 32: c.side = 6; c.corner = 3; break;
+    case 64: c.side = 8; break;
+    case 128: c.side = 12; c.corner = 7; break;
+    case 256: c.side = 16; break;
+    default: return c;
     }
-    for (int i = 0; i < side; ++i) {
-        for (int q = 0; q < side; ++q) {
-            const int re = 2 * i - side + 1, im = 2 * q - side + 1;
-            if (std::abs(re) > corner && std::abs(im) > corner) continue;
-            a.emplace_back(re, im);
+    for (int i = 0; i < c.side; ++i) {
+        for (int q = 0; q < c.side; ++q) {
+            const int re = 2 * i - c.side + 1, im = 2 * q - c.side + 1;
+            if (std::abs(re) > c.corner && std::abs(im) > c.corner) continue;
+            c.points.emplace_back(re, im);
         }
     }
-    return a;
+    return c;
 }
 
 int powerOrder(ModType family, int order) {
@@ -67,33 +75,58 @@ int powerOrder(ModType family, int order) {
     return 1;  // ASK
 }
 
+cd integerPower(cd z, int M) {
+    cd r(1.0, 0.0);
+    for (int i = 0; i < M; ++i) r *= z;
+    return r;
+}
+
 double meanPower(const std::vector<cd>& v) {
     double p = 0.0;
     for (const cd& z : v) p += std::norm(z);
     return v.empty() ? 0.0 : p / double(v.size());
 }
 
-cd nearest(const std::vector<cd>& alpha, cd z) {
-    cd best = alpha.front();
-    double bd = std::norm(z - best);
-    for (const cd& a : alpha) {
-        const double d = std::norm(z - a);
-        if (d < bd) {
-            bd = d;
-            best = a;
+// Nearest odd integer within [-(side-1), side-1].
+double sliceAxis(double v, int side) {
+    const double top = double(side - 1);
+    const double s = 2.0 * std::floor(0.5 * v) + 1.0;
+    return s > top ? top : (s < -top ? -top : s);
+}
+
+// Nearest constellation point: PSK by search over its (at most eight)
+// points; QAM by slicing each axis to the odd-integer grid and, for the
+// cross shapes, moving a point of an absent corner to the nearer of its two
+// neighbours on the corner's edge.
+cd nearest(const Constellation& c, cd z) {
+    if (c.side == 0) {
+        cd best = c.points.front();
+        double bd = std::norm(z - best);
+        for (const cd& a : c.points) {
+            const double d = std::norm(z - a);
+            if (d < bd) {
+                bd = d;
+                best = a;
+            }
         }
+        return best;
     }
-    return best;
+    const double re = sliceAxis(z.real(), c.side), im = sliceAxis(z.imag(), c.side);
+    if (std::fabs(re) <= c.corner || std::fabs(im) <= c.corner) return cd(re, im);
+    const cd a(std::copysign(double(c.corner), re), im), b(re, std::copysign(double(c.corner), im));
+    return std::norm(z - a) <= std::norm(z - b) ? a : b;
 }
 
 // Two-level decisions of ASK on the real axis: the levels are the means of
 // the two clusters (k-means from the 10th and 90th percentiles).
-std::vector<cd> askDecisions(const std::vector<cd>& r) {
+void askDecisions(const std::vector<cd>& r, std::vector<cd>& a) {
     std::vector<double> re(r.size());
     for (std::size_t k = 0; k < r.size(); ++k) re[k] = r[k].real();
-    std::vector<double> sorted = re;
-    std::sort(sorted.begin(), sorted.end());
-    double lo = sorted[sorted.size() / 10], hi = sorted[sorted.size() * 9 / 10];
+    std::vector<double> work = re;
+    std::nth_element(work.begin(), work.begin() + long(work.size() / 10), work.end());
+    double lo = work[work.size() / 10];
+    std::nth_element(work.begin(), work.begin() + long(work.size() * 9 / 10), work.end());
+    double hi = work[work.size() * 9 / 10];
     for (int it = 0; it < 20; ++it) {
         const double thr = 0.5 * (lo + hi);
         double sl = 0, sh = 0;
@@ -112,62 +145,97 @@ std::vector<cd> askDecisions(const std::vector<cd>& r) {
         hi = sh / double(nh);
     }
     const double thr = 0.5 * (lo + hi);
-    std::vector<cd> a(r.size());
+    a.resize(r.size());
     for (std::size_t k = 0; k < r.size(); ++k) a[k] = cd(re[k] < thr ? lo : hi, 0.0);
-    return a;
+}
+
+// Uniformly spaced symbol instants t_k = t0 + k T (samples of the stream).
+struct Instants {
+    double t0 = 0.0, T = 0.0;
+    std::size_t count = 0;
+    double at(std::size_t k) const { return t0 + double(k) * T; }
+};
+
+// exp(j (phase0 + omega t_k)) for every instant: advanced by one complex
+// multiplication per symbol and re-seeded from the exact phase every 256
+// symbols, so the error stays near 1e-14 without a sine per symbol.
+std::vector<cd> rotations(double phase0, double omega, const Instants& t) {
+    std::vector<cd> r(t.count);
+    const cd step = std::polar(1.0, omega * t.T);
+    cd v(1.0, 0.0);
+    for (std::size_t k = 0; k < t.count; ++k) {
+        v = (k % 256 == 0) ? std::polar(1.0, phase0 + omega * t.at(k)) : v * step;
+        r[k] = v;
+    }
+    return r;
 }
 
 struct PhaseLine {
     double phase0 = 0.0;  // rad at sample 0
     double omega = 0.0;   // rad per sample
+    cd gain{1.0, 0.0};    // grid units -> stream units
 };
 
-// Decision-directed phase line through the symbols z_k at instants t_k:
-// repeated decisions and weighted straight-line fits of the phase error.
-// Returns the decided ideal points (grid units) in `ideal` and the symbols
-// normalised to the grid in `norm`.
-PhaseLine decisionDirectedLine(const std::vector<cd>& z, const std::vector<double>& t,
-                               const std::vector<cd>& alpha, ModType family, int M,
-                               std::vector<cd>& ideal, std::vector<cd>& norm) {
-    const std::size_t K = z.size();
+void decide(const std::vector<cd>& norm, const Constellation& c, ModType family,
+            std::vector<cd>& ideal) {
+    if (family == MT_ASK) {
+        askDecisions(norm, ideal);
+        return;
+    }
+    ideal.resize(norm.size());
+    for (std::size_t k = 0; k < norm.size(); ++k) ideal[k] = nearest(c, norm[k]);
+}
+
+// Decision-directed phase line through the symbols z_k, from a starting
+// line: repeated decisions and straight-line fits of the phase error
+// weighted by |a_k|^2, until the decisions settle and the line stops moving. Returns the decided ideal
+// points (grid units) in `ideal` and the symbols normalised to the grid in
+// `norm`.
+// Starting line of the decision-directed fit: the phase from the M-th power
+// of the symbols against the alphabet's own M-th power, no residual
+// frequency, and the gain that matches the mean powers.
+PhaseLine blindLine(const std::vector<cd>& z, const Constellation& c, ModType family, int M) {
     PhaseLine line;
-    // Initial phase from the M-th power against the alphabet's own M-th power.
     cd sz(0, 0), sa(0, 0);
-    for (const cd& v : z) sz += std::pow(v, M);
+    for (const cd& v : z) sz += integerPower(v, M);
     if (family == MT_ASK) {
         sa = 1.0;
     } else {
-        for (const cd& a : alpha) sa += std::pow(a, M);
+        for (const cd& a : c.points) sa += integerPower(a, M);
     }
     line.phase0 = (std::arg(sz) - std::arg(sa)) / M;
-    const double tmid = 0.5 * (t.front() + t.back());
-    const double alphaPower = family == MT_ASK ? 1.0 : meanPower(alpha);
-    double gain = std::sqrt(meanPower(z) / alphaPower);
-    cd cgain(gain, 0.0);
-    ideal.assign(K, cd(0, 0));
+    const double alphaPower = family == MT_ASK ? 1.0 : meanPower(c.points);
+    line.gain = cd(std::sqrt(meanPower(z) / alphaPower), 0.0);
+    return line;
+}
+
+PhaseLine decisionDirectedLine(const std::vector<cd>& z, const Instants& t, const Constellation& c,
+                               ModType family, PhaseLine line, std::vector<cd>& ideal,
+                               std::vector<cd>& norm) {
+    const std::size_t K = z.size();
+    const double tmid = 0.5 * (t.at(0) + t.at(K - 1));
     norm.assign(K, cd(0, 0));
-    for (int it = 0; it < 6; ++it) {
-        for (std::size_t k = 0; k < K; ++k)
-            norm[k] = z[k] * std::polar(1.0, -(line.phase0 + line.omega * t[k])) / cgain;
-        if (family == MT_ASK) {
-            ideal = askDecisions(norm);
-        } else {
-            for (std::size_t k = 0; k < K; ++k) ideal[k] = nearest(alpha, norm[k]);
-        }
-        double sw = 0, sx = 0, sy = 0, sxx = 0, sxy = 0;
+    std::vector<cd> previous;
+    for (int it = 0; it < 12; ++it) {
+        const std::vector<cd> rot = rotations(-line.phase0, -line.omega, t);
+        const cd inverse = 1.0 / line.gain;
+        for (std::size_t k = 0; k < K; ++k) norm[k] = z[k] * rot[k] * inverse;
+        previous.swap(ideal);
+        decide(norm, c, family, ideal);
+        double sw = 0, sx = 0, sy = 0, sxx = 0, sxy = 0, den = 0;
         cd num(0, 0);
-        double den = 0;
         for (std::size_t k = 0; k < K; ++k) {
             const double w = std::norm(ideal[k]);
             if (!(w > 0.0)) continue;
-            const double e = std::arg(norm[k] * std::conj(ideal[k]));
-            const double x = t[k] - tmid;
+            const cd prod = norm[k] * std::conj(ideal[k]);
+            const double e = std::arg(prod);
+            const double x = t.at(k) - tmid;
             sw += w;
             sx += w * x;
             sy += w * e;
             sxx += w * x * x;
             sxy += w * x * e;
-            num += norm[k] * std::conj(ideal[k]);
+            num += prod;
             den += w;
         }
         const double d = sw * sxx - sx * sx;
@@ -176,131 +244,181 @@ PhaseLine decisionDirectedLine(const std::vector<cd>& z, const std::vector<doubl
         const double dp = (sy - dw * sx) / sw;
         line.phase0 += dp - dw * tmid;
         line.omega += dw;
-        if (den > 0.0) cgain *= std::abs(num) / den;
+        if (den > 0.0) line.gain *= std::abs(num) / den;
+        // Settled: same decisions, and the line moved by under a microradian
+        // anywhere in the block.
+        const bool settled = previous == ideal && std::fabs(dp) < 1e-6 &&
+                             std::fabs(dw) * double(K) * t.T < 1e-6;
+        if (settled) break;
     }
-    for (std::size_t k = 0; k < K; ++k)
-        norm[k] = z[k] * std::polar(1.0, -(line.phase0 + line.omega * t[k])) / cgain;
+    const std::vector<cd> rot = rotations(-line.phase0, -line.omega, t);
+    const cd inverse = 1.0 / line.gain;
+    for (std::size_t k = 0; k < K; ++k) norm[k] = z[k] * rot[k] * inverse;
     return line;
 }
 
-// Matched-filter outputs of the raw block with a carrier of omega (rad per
-// sample) removed, at the given instants.
-std::vector<cd> symbolsAt(const std::vector<cd>& raw, double omega,
-                          const std::vector<double>& h, const std::vector<double>& t) {
-    std::vector<cd> x(raw.size());
-    for (std::size_t n = 0; n < raw.size(); ++n)
-        x[n] = raw[n] * std::polar(1.0, -kTwoPi * std::fmod(omega / kTwoPi * double(n), 1.0));
-    const std::vector<cd> y = vantrel::meas::filter_centred(x, h);
-    std::vector<cd> z(t.size());
-    for (std::size_t k = 0; k < t.size(); ++k) z[k] = vantrel::meas::interpolate_at(y, t[k]);
+// The stream with a carrier of omega (rad per sample) removed: one phasor
+// advanced per sample, re-seeded every 1024 samples.
+std::vector<cd> removeCarrier(const std::vector<cd>& x, double omega) {
+    std::vector<cd> out(x.size());
+    const cd step = std::polar(1.0, -omega);
+    cd v(1.0, 0.0);
+    for (std::size_t n = 0; n < x.size(); ++n) {
+        if (n % 1024 == 0) v = std::polar(1.0, -kTwoPi * std::fmod(omega / kTwoPi * double(n), 1.0));
+        out[n] = x[n] * v;
+        v *= step;
+    }
+    return out;
+}
+
+std::vector<cd> symbolsAt(const std::vector<cd>& y, const Instants& t) {
+    std::vector<cd> z(t.count);
+    for (std::size_t k = 0; k < t.count; ++k) z[k] = vantrel::meas::interpolate_at(y, t.at(k));
     return z;
 }
 
-std::vector<double> instantsOf(const vantrel::meas::SymbolClock& c, std::size_t n,
-                               double margin) {
-    std::vector<double> t;
+Instants instantsOf(const vantrel::meas::SymbolClock& c, std::size_t n, double margin) {
+    Instants t;
     if (!c.valid || !(c.period > 0.0)) return t;
-    const double first = c.firstInstant + std::ceil((margin - c.firstInstant) / c.period) * c.period;
-    for (double v = first; v < double(n) - margin; v += c.period) t.push_back(v);
+    t.T = c.period;
+    t.t0 = c.firstInstant + std::ceil((margin - c.firstInstant) / c.period) * c.period;
+    const double last = double(n) - margin;
+    if (t.t0 < last) t.count = static_cast<std::size_t>(std::ceil((last - t.t0) / t.T));
     return t;
 }
 
 // Normalised strength of the carrier's M-th power line over the derotated
-// symbols, relative to that of the ideal alphabet (1 when locked). ASK levels
-// are never negative, so its line is compared with 1 (the decided levels of
-// noise alone could be of either sign and would excuse a missing line).
-double carrierCoherence(const std::vector<cd>& norm, const std::vector<cd>& ideal, int M,
+// symbols, relative to that of the alphabet with its points equally likely
+// (1 when locked). The reference is the alphabet, not the decisions: the
+// decisions of noise alone follow the noise and would excuse a missing line.
+// ASK levels are never negative, so its line is compared with 1.
+double carrierCoherence(const std::vector<cd>& norm, const std::vector<cd>& alphabet, int M,
                         bool absolute) {
-    cd s(0, 0), sa(0, 0);
-    double m = 0.0, ma = 0.0;
-    for (std::size_t k = 0; k < norm.size(); ++k) {
-        s += std::pow(norm[k], M);
-        m += std::pow(std::abs(norm[k]), M);
-        sa += std::pow(ideal[k], M);
-        ma += std::pow(std::abs(ideal[k]), M);
+    auto strength = [M](const std::vector<cd>& v) {
+        cd s(0, 0);
+        double mag = 0.0;
+        for (const cd& z : v) {
+            s += integerPower(z, M);
+            mag += integerPower(cd(std::sqrt(std::norm(z)), 0.0), M).real();
+        }
+        return mag > 0.0 ? std::abs(s) / mag : 0.0;
+    };
+    const double measured = strength(norm);
+    if (absolute) return measured;
+    const double reference = strength(alphabet);
+    return reference > 0.0 ? measured / reference : 0.0;
+}
+
+// Occupied band edge of the shaping pulse in symbol rates: the raised-cosine
+// pulses end at (1 + beta) / 2; the others are taken to one symbol rate.
+double bandEdge(int filterType, double rolloff) {
+    if (filterType == FILTER_RRC || filterType == FILTER_RC) return 0.5 * (1.0 + rolloff);
+    return 1.0;
+}
+
+// Blind first compensation, so that the first decisions of a dense
+// constellation are not thrown by a large origin offset or image: the
+// symbols average to zero, so the mean of z_k exp(j Omega t_k) is the
+// origin offset; for constellations with E[a^2] = 0 (PSK of 4 or more
+// points, QAM), E[d^2 exp(j 2 Omega t)] = 2 alpha beta E|s|^2 gives the
+// image ratio beta / conj(alpha).
+std::vector<cd> blindCompensation(const std::vector<cd>& z, const std::vector<cd>& turn,
+                                  bool circular) {
+    const std::size_t K = z.size();
+    cd dc(0, 0);
+    for (std::size_t k = 0; k < K; ++k) dc += z[k] * turn[k];
+    dc /= double(K);
+    std::vector<cd> zc(K);
+    cd sq(0, 0);
+    double pw = 0.0;
+    for (std::size_t k = 0; k < K; ++k) {
+        zc[k] = z[k] - dc * std::conj(turn[k]);
+        sq += zc[k] * zc[k] * turn[k] * turn[k];
+        pw += std::norm(zc[k]);
     }
-    if (absolute) return m > 0.0 ? std::abs(s) / m : 0.0;
-    if (!(m > 0.0) || !(ma > 0.0) || !(std::abs(sa) > 0.0)) return 0.0;
-    return (std::abs(s) / m) / (std::abs(sa) / ma);
+    if (circular && pw > 0.0) {
+        const cd ratio = sq / (2.0 * pw);
+        for (std::size_t k = 0; k < K; ++k)
+            zc[k] -= ratio * std::conj(turn[k] * turn[k]) * std::conj(zc[k]);
+    }
+    return zc;
+}
+
+}  // namespace
+
+std::vector<cd> to_analysis_rate(const std::vector<cd>& raw, double sps, double edge) {
+    if (sps == kAnalysisSps) return raw;
+    const vantrel::meas::FractionalFilter f = vantrel::meas::rate_filter(sps, kAnalysisSps, edge);
+    return vantrel::meas::convert_rate(raw, sps / kAnalysisSps, f);
 }
 
 void measureLinear(MeasurementPipeline& p, VantrelMeasurement& m) {
     const double sps = p.fs / p.rb;
-    const std::vector<double> h = vantrel::meas::receive_filter(p.filterType, p.rolloff, sps);
-    const std::vector<cd> y = vantrel::meas::filter_centred(p.raw, h);
+    const double rate = kAnalysisSps * p.rb;  // analysis sample rate, Hz
+    std::vector<cd> converted;
+    if (sps != kAnalysisSps) converted = to_analysis_rate(p.raw, sps, bandEdge(p.filterType, p.rolloff));
+    const std::vector<cd>& x = sps != kAnalysisSps ? converted : p.raw;
+    const std::vector<double> h = vantrel::meas::receive_filter(p.filterType, p.rolloff, kAnalysisSps);
+    // The clock and the coarse carrier need only a line of |y|^2 and of the
+    // M-th power, not symbols free of interference: a receive filter cut to
+    // +-2 symbols gives them at a quarter of the cost (it is symmetric, so
+    // it moves no instant).
+    const std::vector<cd> y = vantrel::meas::filter_centred(
+        x, vantrel::meas::receive_filter(p.filterType, p.rolloff, kAnalysisSps, 2.0));
     std::vector<double> v(y.size());
     for (std::size_t n = 0; n < y.size(); ++n) v[n] = std::norm(y[n]);
-    p.clock = vantrel::meas::estimate_symbol_clock(v, sps);
-    const double margin = double(h.size() / 2) + 20.0;
-    p.instants = instantsOf(p.clock, p.raw.size(), margin);
-    const std::vector<double>& t = p.instants;
-    if (t.size() < 64) return;
-    const double T = p.clock.period;
+    p.clock = vantrel::meas::estimate_symbol_clock(v, kAnalysisSps);
+    const Instants t = instantsOf(p.clock, y.size(), double(h.size() / 2) + 20.0);
+    if (t.count < 64) return;
+    p.instantSps = kAnalysisSps;
+    p.instants.resize(t.count);
+    for (std::size_t k = 0; k < t.count; ++k) p.instants[k] = t.at(k);
     m.symbolRateErrorPpm = p.clock.rateErrorPpm;
-    m.modulationRateHz = p.fs / T;
+    m.modulationRateHz = rate / t.T;
     if (p.clock.coherence > 0.8 && p.clock.lineRatio > 0.01) m.flags |= VANTREL_MEAS_TIMING_LOCKED;
 
-    const std::vector<cd> alpha = alphabet(p.family, p.order);
-    if (p.family != MT_ASK && alpha.empty()) return;
+    const Constellation alpha = constellation(p.family, p.order);
+    if (p.family != MT_ASK && alpha.points.empty()) return;
     const int M = powerOrder(p.family, p.order);
 
-    // Coarse carrier from the M-th power line of the symbols.
-    std::vector<cd> z0(t.size()), zM(t.size());
-    for (std::size_t k = 0; k < t.size(); ++k) {
-        z0[k] = vantrel::meas::interpolate_at(y, t[k]);
-        zM[k] = std::pow(z0[k], M);
-    }
-    const double fSym = vantrel::meas::strongest_line(zM.data(), zM.size(), false, nullptr,
-                                                      nullptr) / M;  // cycles per symbol
-    const double Omega = kTwoPi * fSym / T;                          // rad per sample
-    const std::vector<cd> z = symbolsAt(p.raw, Omega, h, t);
+    // Coarse carrier from the M-th power line of the symbols (a short
+    // interpolator is enough for a line).
+    static const vantrel::meas::FractionalFilter coarseInterpolator(0.5, 6, 6.0);
+    std::vector<cd> zM(t.count);
+    for (std::size_t k = 0; k < t.count; ++k)
+        zM[k] = integerPower(coarseInterpolator.at(y.data(), long(y.size()), t.at(k)), M);
+    const double fSym =
+        vantrel::meas::strongest_line(zM.data(), zM.size(), false, nullptr, nullptr, 1) / M;
+    const double Omega = kTwoPi * fSym / t.T;  // rad per sample
+    const std::vector<cd> z = symbolsAt(vantrel::meas::filter_centred(removeCarrier(x, Omega), h), t);
 
-    // Blind first compensation, so that the first decisions of a dense
-    // constellation are not thrown by a large origin offset or image: the
-    // symbols average to zero, so the mean of z_k exp(j Omega t_k) is the
-    // origin offset; for constellations with E[a^2] = 0 (PSK of 4 or more
-    // points, QAM), E[d^2 exp(j 2 Omega t)] = 2 alpha beta E|s|^2 gives the
-    // image ratio beta / conj(alpha).
-    std::vector<cd> zc(t.size());
-    {
-        cd dc(0, 0);
-        for (std::size_t k = 0; k < t.size(); ++k) dc += z[k] * std::polar(1.0, Omega * t[k]);
-        dc /= double(t.size());
-        cd sq(0, 0);
-        double pw = 0.0;
-        for (std::size_t k = 0; k < t.size(); ++k) {
-            zc[k] = z[k] - dc * std::polar(1.0, -Omega * t[k]);
-            sq += zc[k] * zc[k] * std::polar(1.0, 2.0 * Omega * t[k]);
-            pw += std::norm(zc[k]);
-        }
-        const bool circular = (p.family == MT_PSK && p.order >= 4) || p.family == MT_QAM;
-        if (circular && pw > 0.0) {
-            const cd ratio = sq / (2.0 * pw);
-            for (std::size_t k = 0; k < t.size(); ++k)
-                zc[k] -= ratio * std::polar(1.0, -2.0 * Omega * t[k]) * std::conj(zc[k]);
-        }
-    }
-    std::vector<cd> ideal, norm;
+    const std::vector<cd> turn = rotations(0.0, Omega, t);  // exp(j Omega t_k)
+    const bool circular = (p.family == MT_PSK && p.order >= 4) || p.family == MT_QAM;
+    std::vector<cd> zc = blindCompensation(z, turn, circular);
+    std::vector<cd> ideal, norm, coef, previousCoef;
     PhaseLine line;
-    std::vector<cd> coef;
     bool imbalanceKnown = false;
+    std::vector<std::vector<cd>> u(3, std::vector<cd>(t.count));
+    line = blindLine(zc, alpha, p.family, M);
     for (int outer = 0; outer < 3; ++outer) {
-        line = decisionDirectedLine(zc, t, alpha, p.family, M, ideal, norm);
+        // Each pass starts from the previous line: after the first, the
+        // decisions rarely change and one step confirms the fit.
+        line = decisionDirectedLine(zc, t, alpha, p.family, line, ideal, norm);
         // Widely-linear fit on the uncompensated symbols: reference, its
         // image (which the derotation by Omega turns at -2 Omega) and the
         // origin offset (turning at -Omega).
-        std::vector<std::vector<cd>> u(3, std::vector<cd>(t.size()));
-        for (std::size_t k = 0; k < t.size(); ++k) {
-            const cd s = ideal[k] * std::polar(1.0, line.phase0 + line.omega * t[k]);
-            u[0][k] = s;
-            u[1][k] = std::conj(s) * std::polar(1.0, -2.0 * Omega * t[k]);
-            u[2][k] = std::polar(1.0, -Omega * t[k]);
+        const std::vector<cd> rot = rotations(line.phase0, line.omega, t);
+        for (std::size_t k = 0; k < t.count; ++k) {
+            const cd back = std::conj(turn[k]);
+            u[0][k] = ideal[k] * rot[k];
+            u[1][k] = std::conj(u[0][k]) * back * back;
+            u[2][k] = back;
         }
         // The image of a one-dimensional constellation (BPSK, ASK) is only
         // separable from the signal while the carrier turns.
         cd cross(0, 0);
         double n0 = 0, n1 = 0;
-        for (std::size_t k = 0; k < t.size(); ++k) {
+        for (std::size_t k = 0; k < t.count; ++k) {
             cross += std::conj(u[0][k]) * u[1][k];
             n0 += std::norm(u[0][k]);
             n1 += std::norm(u[1][k]);
@@ -310,23 +428,31 @@ void measureLinear(MeasurementPipeline& p, VantrelMeasurement& m) {
             imbalanceKnown = false;
             break;
         }
+        // Once a pass no longer moves the fit, another would not either.
+        const bool converged = imbalanceKnown && std::abs(coef[0] - previousCoef[0]) +
+                                                         std::abs(coef[1] - previousCoef[1]) +
+                                                         std::abs(coef[2] - previousCoef[2]) <
+                                                     1e-5 * std::abs(coef[0]);
         imbalanceKnown = true;
+        previousCoef = coef;
+        if (converged) break;
         const cd ratio = coef[1] / std::conj(coef[0]);
-        for (std::size_t k = 0; k < t.size(); ++k) {
-            const cd off = coef[2] * std::polar(1.0, -Omega * t[k]);
-            const cd d = z[k] - off;
-            zc[k] = d - ratio * std::polar(1.0, -2.0 * Omega * t[k]) * std::conj(d);
+        for (std::size_t k = 0; k < t.count; ++k) {
+            const cd back = std::conj(turn[k]);
+            const cd d = z[k] - coef[2] * back;
+            zc[k] = d - ratio * back * back * std::conj(d);
         }
     }
-    if (!imbalanceKnown) line = decisionDirectedLine(z, t, alpha, p.family, M, ideal, norm);
+    if (!imbalanceKnown)
+        line = decisionDirectedLine(z, t, alpha, p.family, blindLine(z, alpha, p.family, M), ideal,
+                                    norm);
 
-    p.carrierHz = (Omega + line.omega) * p.fs / kTwoPi;
+    p.carrierHz = (Omega + line.omega) * rate / kTwoPi;
     p.phase0 = line.phase0;
-    p.symbols = norm;
     p.ideal = ideal;
     m.carrierOffsetHz = p.carrierHz;
-    m.symbolCount = static_cast<uint32_t>(t.size());
-    if (carrierCoherence(norm, ideal, M, p.family == MT_ASK) > 0.5)
+    m.symbolCount = static_cast<uint32_t>(t.count);
+    if (carrierCoherence(norm, alpha.points, M, p.family == MT_ASK) > 0.5)
         m.flags |= VANTREL_MEAS_CARRIER_LOCKED;
 
     if (imbalanceKnown) {
@@ -336,154 +462,26 @@ void measureLinear(MeasurementPipeline& p, VantrelMeasurement& m) {
         const vantrel::meas::IqImbalance iq = vantrel::meas::iq_imbalance(coef[0], coef[1]);
         m.iqGainImbalanceDb = iq.gainDb;
         m.quadErrorDeg = iq.quadDeg;
+        // The received symbols in grid units with only the origin offset
+        // removed: the I/Q imbalance stays in the error vector.
+        const std::vector<cd> rot = rotations(-line.phase0, -line.omega, t);
+        const cd inverse = 1.0 / coef[0];
+        p.symbols.resize(t.count);
+        for (std::size_t k = 0; k < t.count; ++k)
+            p.symbols[k] = (z[k] - coef[2] * std::conj(turn[k])) * rot[k] * inverse;
+    } else {
+        p.symbols = norm;
     }
+    measureErrorVector(p, m);
     const double excess = p.filterType == FILTER_RRC || p.filterType == FILTER_RC
                               ? 0.5 * (1.0 + p.rolloff) + 0.15
                               : 2.0;
     measureBand(p, excess * m.modulationRateHz, m);
-    if (!imbalanceKnown) m.iqOffsetDb = kNaN;
+    if (!imbalanceKnown) m.iqOffsetDb = std::numeric_limits<double>::quiet_NaN();
 }
-
-// Real least squares by Gaussian elimination with partial pivoting; n <= 8.
-bool realLeastSquares(const std::vector<std::vector<double>>& rows, const std::vector<double>& y,
-                      std::vector<double>& p) {
-    const std::size_t n = rows.empty() ? 0 : rows[0].size();
-    if (n == 0 || n > 8) return false;
-    double A[8][9] = {};
-    for (std::size_t k = 0; k < y.size(); ++k)
-        for (std::size_t i = 0; i < n; ++i) {
-            for (std::size_t j = 0; j < n; ++j) A[i][j] += rows[k][i] * rows[k][j];
-            A[i][n] += rows[k][i] * y[k];
-        }
-    for (std::size_t c = 0; c < n; ++c) {
-        std::size_t piv = c;
-        for (std::size_t r = c + 1; r < n; ++r)
-            if (std::fabs(A[r][c]) > std::fabs(A[piv][c])) piv = r;
-        for (std::size_t k = 0; k <= n; ++k) std::swap(A[c][k], A[piv][k]);
-        if (!(std::fabs(A[c][c]) > 0.0)) return false;
-        for (std::size_t r = 0; r < n; ++r) {
-            if (r == c) continue;
-            const double q = A[r][c] / A[c][c];
-            for (std::size_t k = c; k <= n; ++k) A[r][k] -= q * A[c][k];
-        }
-    }
-    p.assign(n, 0.0);
-    for (std::size_t i = 0; i < n; ++i) p[i] = A[i][n] / A[i][i];
-    return true;
-}
-
-double linearAt(const std::vector<double>& x, double t) {
-    if (x.empty()) return 0.0;
-    if (t <= 0.0) return x.front();
-    const std::size_t i = static_cast<std::size_t>(t);
-    if (i + 1 >= x.size()) return x.back();
-    const double f = t - double(i);
-    return x[i] + f * (x[i + 1] - x[i]);
-}
-
-void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
-    const std::size_t n = p.raw.size();
-    const double sps = p.fs / p.rb;
-    // Unwrapped phase and instantaneous frequency (Hz).
-    std::vector<double> phase(n, 0.0);
-    std::vector<cd> freq(n, cd(0, 0));
-    for (std::size_t i = 1; i < n; ++i) {
-        const double d = std::arg(p.raw[i] * std::conj(p.raw[i - 1]));
-        phase[i] = phase[i - 1] + d;
-        freq[i] = d * p.fs / kTwoPi;
-    }
-    if (n > 1) freq[0] = freq[1];
-    // One-symbol average of the frequency: free of interference between
-    // symbols for rectangular frequency pulses, and its square carries the
-    // symbol-rate line used for the clock.
-    const std::vector<double> h = vantrel::meas::receive_filter(FILTER_RECT, 0.0, sps);
-    const std::vector<cd> g = vantrel::meas::filter_centred(freq, h);
-    double mean = 0.0;
-    for (const cd& v : g) mean += v.real();
-    mean /= double(n);
-    std::vector<double> v(n), gr(n);
-    for (std::size_t i = 0; i < n; ++i) {
-        gr[i] = g[i].real();
-        v[i] = (gr[i] - mean) * (gr[i] - mean);
-    }
-    p.clock = vantrel::meas::estimate_symbol_clock(v, sps);
-    p.instants = instantsOf(p.clock, n, double(h.size() / 2) + 20.0 + 2.0 * sps);
-    const std::vector<double>& t = p.instants;
-    if (t.size() < 64) return;
-    const double T = p.clock.period;
-    m.symbolRateErrorPpm = p.clock.rateErrorPpm;
-    m.modulationRateHz = p.fs / T;
-    if (p.clock.coherence > 0.8 && p.clock.lineRatio > 0.01) m.flags |= VANTREL_MEAS_TIMING_LOCKED;
-
-    // Per-symbol phase advance in Hz and the symbol-centre frequency.
-    const std::size_t K = t.size();
-    std::vector<double> adv(K), centre(K);
-    for (std::size_t k = 0; k < K; ++k) {
-        adv[k] = (linearAt(phase, t[k] + 0.5 * T) - linearAt(phase, t[k] - 0.5 * T)) * p.fs /
-                 (kTwoPi * T);
-        centre[k] = vantrel::meas::interpolate_at(gr, t[k]);
-    }
-    const bool four = p.order == 4;
-    double fc = 0.0;
-    for (double a : adv) fc += a;
-    fc /= double(K);
-    std::vector<int> level(K, 0);
-    std::vector<double> coef;
-    double residual = 0.0;
-    for (int it = 0; it < 4; ++it) {
-        // Decisions about the current carrier estimate; four levels are
-        // spaced by the mean distance from the carrier, E|v| = 2.
-        double meanAbs = 0.0;
-        for (double c : centre) meanAbs += std::fabs(c - fc);
-        meanAbs /= double(K);
-        for (std::size_t k = 0; k < K; ++k) {
-            const double d = centre[k] - fc;
-            if (!four) {
-                level[k] = d < 0 ? -1 : 1;
-            } else {
-                const double unit = meanAbs / 2.0;
-                level[k] = d < -2 * unit ? -3 : d < 0 ? -1 : d < 2 * unit ? 1 : 3;
-            }
-        }
-        // Regression adv_k = fc + sum_{j=-2..2} d_j level_{k+j}: the
-        // neighbours' terms absorb the interference of a shaped frequency
-        // pulse, so the intercept is the carrier alone.
-        std::vector<std::vector<double>> rows;
-        std::vector<double> y;
-        for (std::size_t k = 2; k + 2 < K; ++k) {
-            rows.push_back({1.0, double(level[k - 2]), double(level[k - 1]), double(level[k]),
-                            double(level[k + 1]), double(level[k + 2])});
-            y.push_back(adv[k]);
-        }
-        if (!realLeastSquares(rows, y, coef)) return;
-        fc = coef[0];
-        residual = 0.0;
-        for (std::size_t r = 0; r < rows.size(); ++r) {
-            double model = 0.0;
-            for (std::size_t j = 0; j < coef.size(); ++j) model += coef[j] * rows[r][j];
-            residual += (y[r] - model) * (y[r] - model);
-        }
-        residual = std::sqrt(residual / double(rows.size()));
-    }
-    p.carrierHz = fc;
-    p.fskFrequency.assign(K, 0.0);
-    for (std::size_t k = 0; k < K; ++k) p.fskFrequency[k] = centre[k] - fc;
-    p.fskLevel = level;
-    m.carrierOffsetHz = fc;
-    m.symbolCount = static_cast<uint32_t>(K);
-    const double step = std::fabs(coef[3]);
-    if (step > 0.0 && residual < 0.2 * step) m.flags |= VANTREL_MEAS_CARRIER_LOCKED;
-    const double outer = step * (four ? 3.0 : 1.0);
-    measureBand(p, outer + 1.5 * m.modulationRateHz, m);
-    // The I/Q figures of a constant-envelope FSK signal are not estimated in
-    // this release.
-    m.iqOffsetDb = kNaN;
-}
-
-}  // namespace
 
 void measureDigital(MeasurementPipeline& p, VantrelMeasurement& m) {
-    if (!(p.rb > 0.0) || !(p.fs / p.rb >= 2.0)) return;
+    if (!(p.rb > 0.0) || !(p.fs / p.rb >= 1.0)) return;
     if (p.family == MT_FSK) {
         measureFsk(p, m);
     } else {

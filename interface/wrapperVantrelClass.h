@@ -191,13 +191,13 @@ VANTREL_API extern int objcount;
  * A second analysis of the same block that reports what the signal physically
  * is, in instrument units (docs/measurements.md defines every figure). This
  * record has natural alignment (it is not packed like the two above). A figure
- * that does not apply to the signal's family, or that this release does not
- * yet estimate, is NaN, never 0. */
+ * that does not apply to the signal's family, or that the block does not let
+ * the estimators reach, is NaN, never 0. */
 typedef struct VantrelMeasurement {
     uint32_t size;               /* in: sizeof(VantrelMeasurement); out: bytes filled */
     uint32_t flags;              /* VANTREL_MEAS_* bits */
     uint32_t symbolCount;        /* symbols the symbol figures cover (0 for analog) */
-    uint32_t reserved;           /* 0 */
+    int32_t standardCode;        /* VantrelExcute's code when out was given, else 0 */
     double carrierOffsetHz;      /* carrier frequency relative to the capture's 0 Hz */
     double symbolRateErrorPpm;   /* (measured - nominal) / nominal * 1e6 */
     double merDb;                /* modulation error ratio */
@@ -224,12 +224,16 @@ typedef struct VantrelMeasurement {
 #define VANTREL_MEAS_TIMING_LOCKED 1u
 #define VANTREL_MEAS_CARRIER_LOCKED 2u
 
-/* Measures one block. Handles, validation and return codes are those of
- * VantrelExcute (with fsMin not taken and no debug capture); in addition m
- * null or m->size below sizeof(VantrelMeasurement) gives -1. out may be NULL;
- * when given, it receives the constellation, eye, symbols, bits and
- * per-symbol arrays of the analysis within the published capacities, with
- * symbolsLen counting symbols and bitsLen counting bits. */
+/* Measures one block on the measurement signal path. Returns 0 when the block
+ * was measured (figures it could not estimate are NaN), -4 for an unknown
+ * handle or no memory, -1 for a null m, I, Q or param, m->size below
+ * sizeof(VantrelMeasurement), inLen outside 16384..320000, a non-finite or
+ * non-positive fsIn or Rb, a digital code outside 1..64 samples per symbol,
+ * or an unknown code. out may be NULL, and then only the measurement runs;
+ * when given, the standard analysis (VantrelExcute with fsMin 0 and no debug
+ * capture) also fills it, within the published capacities, with symbolsLen
+ * counting symbols and bitsLen counting bits, and its return code is stored
+ * in m->standardCode. */
 VANTREL_API int VantrelMeasure(int handle, const int16_t* I, const int16_t* Q, uint32_t inLen,
                                const ExParamOut* param, double fsIn, VantrelMeasurement* m,
                                DisplayData* out);
@@ -378,7 +382,7 @@ VANTREL_STATIC_ASSERT(sizeof(VantrelMeasurement) == 168, VantrelMeasurement_size
 VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, size) == 0, VM_size);
 VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, flags) == 4, VM_flags);
 VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, symbolCount) == 8, VM_symbolCount);
-VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, reserved) == 12, VM_reserved);
+VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, standardCode) == 12, VM_standardCode);
 VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, carrierOffsetHz) == 16, VM_carrierOffsetHz);
 VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, symbolRateErrorPpm) == 24, VM_symbolRateErrorPpm);
 VANTREL_STATIC_ASSERT(offsetof(VantrelMeasurement, merDb) == 32, VM_merDb);

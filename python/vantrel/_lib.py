@@ -151,7 +151,7 @@ MEAS_CARRIER_LOCKED = 2
 
 class VantrelMeasurement(ctypes.Structure):
     _fields_ = ([("size", ctypes.c_uint32), ("flags", ctypes.c_uint32),
-                 ("symbolCount", ctypes.c_uint32), ("reserved", ctypes.c_uint32)] +
+                 ("symbolCount", ctypes.c_uint32), ("standardCode", ctypes.c_int32)] +
                 [(name, ctypes.c_double) for name, _ in MEASUREMENT_FIGURES])
 
 

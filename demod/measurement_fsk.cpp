@@ -1,0 +1,295 @@
+// Measurement mode, FSK codes.
+//
+// The instantaneous frequency (from successive phase differences) is
+// averaged over one symbol; its square carries the symbol-rate line that
+// gives the clock. Each symbol's phase advance over one symbol period around
+// its instant is then regressed on the decided levels of the symbol and of
+// its two neighbours on either side:
+//   adv_k = fc + sum_{j=-2..2} d_j level_{k+j}.
+// The intercept is the carrier; the neighbour terms absorb the smearing of a
+// shaped frequency pulse, and because the frequency pulse integrates to one
+// symbol, sum_j d_j is the steady frequency of level 1: the outer tone's
+// deviation is that sum times the outer level. The residual of the fit is
+// the FSK error.
+// Below four samples per symbol the block is first interpolated to eight, so
+// that the phase differences stay well inside +-pi and the one-symbol
+// average has several samples to work with.
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+#include "measurement.h"
+
+using vantrel::meas::cd;
+
+namespace {
+
+constexpr double kTwoPi = 6.283185307179586;
+constexpr double kFskAnalysisSps = 8.0;
+
+std::vector<double> instantsOf(const vantrel::meas::SymbolClock& c, std::size_t n,
+                               double margin) {
+    std::vector<double> t;
+    if (!c.valid || !(c.period > 0.0)) return t;
+    const double first = c.firstInstant + std::ceil((margin - c.firstInstant) / c.period) * c.period;
+    for (std::size_t k = 0;; ++k) {
+        const double v = first + double(k) * c.period;
+        if (!(v < double(n) - margin)) break;
+        t.push_back(v);
+    }
+    return t;
+}
+
+// Real least squares by Gaussian elimination with partial pivoting; n <= 8.
+bool realLeastSquares(const std::vector<std::vector<double>>& rows, const std::vector<double>& y,
+                      std::vector<double>& p) {
+    const std::size_t n = rows.empty() ? 0 : rows[0].size();
+    if (n == 0 || n > 8) return false;
+    double A[8][9] = {};
+    for (std::size_t k = 0; k < y.size(); ++k)
+        for (std::size_t i = 0; i < n; ++i) {
+            for (std::size_t j = 0; j < n; ++j) A[i][j] += rows[k][i] * rows[k][j];
+            A[i][n] += rows[k][i] * y[k];
+        }
+    for (std::size_t c = 0; c < n; ++c) {
+        std::size_t piv = c;
+        for (std::size_t r = c + 1; r < n; ++r)
+            if (std::fabs(A[r][c]) > std::fabs(A[piv][c])) piv = r;
+        for (std::size_t k = 0; k <= n; ++k) std::swap(A[c][k], A[piv][k]);
+        if (!(std::fabs(A[c][c]) > 0.0)) return false;
+        for (std::size_t r = 0; r < n; ++r) {
+            if (r == c) continue;
+            const double q = A[r][c] / A[c][c];
+            for (std::size_t k = c; k <= n; ++k) A[r][k] -= q * A[c][k];
+        }
+    }
+    p.assign(n, 0.0);
+    for (std::size_t i = 0; i < n; ++i) p[i] = A[i][n] / A[i][i];
+    return true;
+}
+
+double linearAt(const std::vector<double>& x, double t) {
+    if (x.empty()) return 0.0;
+    if (t <= 0.0) return x.front();
+    const std::size_t i = static_cast<std::size_t>(t);
+    if (i + 1 >= x.size()) return x.back();
+    const double f = t - double(i);
+    return x[i] + f * (x[i + 1] - x[i]);
+}
+
+// Regression adv_k = fc + sum_{j=-2..2} d_j level_{k+j}: the neighbours'
+// terms absorb the interference of a shaped frequency pulse, so the
+// intercept is the carrier alone. coef = {fc, d_-2 .. d_2}; residual is the
+// RMS misfit in Hz.
+bool fitLevels(const std::vector<int>& level, const std::vector<double>& adv,
+               std::vector<double>& coef, double& residual) {
+    const std::size_t K = level.size();
+    std::vector<std::vector<double>> rows;
+    std::vector<double> y;
+    for (std::size_t k = 2; k + 2 < K; ++k) {
+        rows.push_back({1.0, double(level[k - 2]), double(level[k - 1]), double(level[k]),
+                        double(level[k + 1]), double(level[k + 2])});
+        y.push_back(adv[k]);
+    }
+    if (!realLeastSquares(rows, y, coef)) return false;
+    residual = 0.0;
+    for (std::size_t r = 0; r < rows.size(); ++r) {
+        double model = 0.0;
+        for (std::size_t j = 0; j < coef.size(); ++j) model += coef[j] * rows[r][j];
+        residual += (y[r] - model) * (y[r] - model);
+    }
+    residual = std::sqrt(residual / double(rows.size()));
+    return true;
+}
+
+// Non-coherent symbol decisions: the samples of one symbol period around
+// each instant, t - T/2 <= n < t + T/2, are correlated with the tone of every
+// level, exp(j 2 pi (fc + level unit) n / fs), and the strongest
+// correlation decides (the best symbol-by-symbol receiver for tones of
+// unknown phase).
+std::vector<int> correlatorLevels(const std::vector<cd>& s, double fs,
+                                  const std::vector<double>& t, double T, double fc,
+                                  double unit, bool four) {
+    const std::vector<int> levels = four ? std::vector<int>{-3, -1, 1, 3} : std::vector<int>{-1, 1};
+    std::vector<cd> step(levels.size());
+    std::vector<double> cycles(levels.size());
+    for (std::size_t l = 0; l < levels.size(); ++l) {
+        cycles[l] = (fc + levels[l] * unit) / fs;  // cycles per sample
+        step[l] = std::polar(1.0, -kTwoPi * cycles[l]);
+    }
+    const long n = static_cast<long>(s.size());
+    std::vector<int> out(t.size(), levels.back());
+    for (std::size_t k = 0; k < t.size(); ++k) {
+        const long lo = std::max(0L, static_cast<long>(std::ceil(t[k] - 0.5 * T)));
+        const long hi = std::min(n, static_cast<long>(std::ceil(t[k] + 0.5 * T)));
+        double best = -1.0;
+        for (std::size_t l = 0; l < levels.size(); ++l) {
+            cd rot = std::polar(1.0, -kTwoPi * std::fmod(cycles[l] * double(lo), 1.0));
+            cd acc(0.0, 0.0);
+            for (long i = lo; i < hi; ++i) {
+                acc += s[static_cast<std::size_t>(i)] * rot;
+                rot *= step[l];
+            }
+            if (std::norm(acc) > best) {
+                best = std::norm(acc);
+                out[k] = levels[l];
+            }
+        }
+    }
+    return out;
+}
+
+// Tone of each level from the decided symbols: the lag-one product
+// s[n+1] conj(s[n]) summed over the sample pairs inside the symbols of that
+// level has the angle 2 pi f / fs, and summing before taking the angle keeps
+// the noise from wrapping it. A weighted straight line through the tones
+// gives the centre and the frequency step of one level unit.
+bool measureTones(const std::vector<cd>& s, double fs, const std::vector<double>& t, double T,
+                  const std::vector<int>& level, double& centre, double& unit) {
+    const long n = static_cast<long>(s.size());
+    cd sum[7] = {};
+    double pairs[7] = {};
+    for (std::size_t k = 0; k < t.size(); ++k) {
+        const long lo = std::max(0L, static_cast<long>(std::ceil(t[k] - 0.5 * T)));
+        const long hi = std::min(n, static_cast<long>(std::ceil(t[k] + 0.5 * T)));
+        const int slot = level[k] + 3;
+        for (long i = lo; i + 1 < hi; ++i) {
+            sum[slot] += s[static_cast<std::size_t>(i + 1)] * std::conj(s[static_cast<std::size_t>(i)]);
+            pairs[slot] += 1.0;
+        }
+    }
+    double sw = 0, sx = 0, sy = 0, sxx = 0, sxy = 0;
+    for (int slot = 0; slot < 7; ++slot) {
+        if (!(pairs[slot] > 0.0)) continue;
+        const double w = pairs[slot], x = slot - 3, y = std::arg(sum[slot]) * fs / kTwoPi;
+        sw += w;
+        sx += w * x;
+        sy += w * y;
+        sxx += w * x * x;
+        sxy += w * x * y;
+    }
+    const double d = sw * sxx - sx * sx;
+    if (!(sw > 0.0) || !(d > 0.0)) return false;
+    unit = (sw * sxy - sx * sy) / d;
+    centre = (sy - unit * sx) / sw;
+    return true;
+}
+
+}  // namespace
+
+void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
+    const double rawSps = p.fs / p.rb;
+    // A capture below four samples per symbol is interpolated to eight; the
+    // filter passes everything up to 0.45 of the capture's own rate.
+    const bool interpolate = rawSps != kFskAnalysisSps;
+    const double sps = interpolate ? kFskAnalysisSps : rawSps;
+    const double fs = sps * p.rb;
+    const std::vector<cd> x =
+        interpolate ? vantrel::meas::convert_rate(
+                          p.raw, rawSps / sps, vantrel::meas::rate_filter(rawSps, sps, rawSps))
+                    : std::vector<cd>();
+    const std::vector<cd>& s = interpolate ? x : p.raw;
+    const std::size_t n = s.size();
+    // Unwrapped phase and instantaneous frequency (Hz).
+    std::vector<double> phase(n, 0.0);
+    std::vector<cd> freq(n, cd(0, 0));
+    for (std::size_t i = 1; i < n; ++i) {
+        const double d = std::arg(s[i] * std::conj(s[i - 1]));
+        phase[i] = phase[i - 1] + d;
+        freq[i] = d * fs / kTwoPi;
+    }
+    if (n > 1) freq[0] = freq[1];
+    // One-symbol average of the frequency: free of interference between
+    // symbols for rectangular frequency pulses, and its square carries the
+    // symbol-rate line used for the clock.
+    const std::vector<double> h = vantrel::meas::receive_filter(FILTER_RECT, 0.0, sps);
+    const std::vector<cd> g = vantrel::meas::filter_centred(freq, h);
+    double mean = 0.0;
+    for (const cd& v : g) mean += v.real();
+    mean /= double(n);
+    std::vector<double> v(n), gr(n);
+    for (std::size_t i = 0; i < n; ++i) {
+        gr[i] = g[i].real();
+        v[i] = (gr[i] - mean) * (gr[i] - mean);
+    }
+    p.clock = vantrel::meas::estimate_symbol_clock(v, sps);
+    p.instants = instantsOf(p.clock, n, double(h.size() / 2) + 20.0 + 2.0 * sps);
+    p.instantSps = sps;
+    const std::vector<double>& t = p.instants;
+    if (t.size() < 64) return;
+    const double T = p.clock.period;
+    m.symbolRateErrorPpm = p.clock.rateErrorPpm;
+    m.modulationRateHz = fs / T;
+    if (p.clock.coherence > 0.8 && p.clock.lineRatio > 0.01) m.flags |= VANTREL_MEAS_TIMING_LOCKED;
+
+    // Per-symbol phase advance in Hz and the symbol-centre frequency.
+    const std::size_t K = t.size();
+    std::vector<double> adv(K), centre(K);
+    for (std::size_t k = 0; k < K; ++k) {
+        adv[k] = (linearAt(phase, t[k] + 0.5 * T) - linearAt(phase, t[k] - 0.5 * T)) * fs /
+                 (kTwoPi * T);
+        centre[k] = vantrel::meas::interpolate_at(gr, t[k]);
+    }
+    const bool four = p.order == 4;
+    double fc = 0.0;
+    for (double a : adv) fc += a;
+    fc /= double(K);
+    std::vector<int> level(K, 0);
+    std::vector<double> coef;
+    double residual = 0.0;
+    for (int it = 0; it < 4; ++it) {
+        // Decisions about the current carrier estimate; four levels are
+        // spaced by the mean distance from the carrier, E|v| = 2.
+        double meanAbs = 0.0;
+        for (double c : centre) meanAbs += std::fabs(c - fc);
+        meanAbs /= double(K);
+        for (std::size_t k = 0; k < K; ++k) {
+            const double d = centre[k] - fc;
+            if (!four) {
+                level[k] = d < 0 ? -1 : 1;
+            } else {
+                const double unit = meanAbs / 2.0;
+                level[k] = d < -2 * unit ? -3 : d < 0 ? -1 : d < 2 * unit ? 1 : 3;
+            }
+        }
+        if (!fitLevels(level, adv, coef, residual)) return;
+        fc = coef[0];
+    }
+    // The discriminator's decisions gave the tones; the final decisions
+    // correlate each symbol with them, which is what the noise allows at
+    // best, and the model is fitted once more on those.
+    double levelOne = 0.0;
+    for (std::size_t j = 1; j < coef.size(); ++j) levelOne += coef[j];
+    level = correlatorLevels(s, fs, t, T, fc, levelOne, four);
+    // The discriminator's tones are pulled by its clicks at low SNR; the
+    // tones measured on the decided symbols are not, and a second pass of
+    // the correlator uses them.
+    // Decisions and tones improve each other; three rounds settle them.
+    double toneCentre = fc, toneUnit = levelOne;
+    for (int round = 0; round < 3 && measureTones(s, fs, t, T, level, toneCentre, toneUnit); ++round)
+        level = correlatorLevels(s, fs, t, T, toneCentre, toneUnit, four);
+    if (!fitLevels(level, adv, coef, residual)) return;
+    fc = coef[0];
+    p.carrierHz = fc;
+    p.fskFrequency.assign(K, 0.0);
+    for (std::size_t k = 0; k < K; ++k) p.fskFrequency[k] = centre[k] - fc;
+    p.fskLevel = level;
+    m.carrierOffsetHz = fc;
+    m.symbolCount = static_cast<uint32_t>(K);
+    const double step = std::fabs(coef[3]);
+    if (step > 0.0 && residual < 0.2 * step) m.flags |= VANTREL_MEAS_CARRIER_LOCKED;
+    // Steady frequency of level 1 (the frequency pulse spreads one symbol's
+    // shift over its neighbours, but the shares add up to the whole shift).
+    levelOne = 0.0;
+    for (std::size_t j = 1; j < coef.size(); ++j) levelOne += coef[j];
+    const double outer = std::fabs(levelOne) * (four ? 3.0 : 1.0);
+    if (outer > 0.0) {
+        m.fskDeviationHz = outer;
+        m.fskErrorPercent = 100.0 * residual / outer;
+    }
+    measureBand(p, std::max(outer, step * (four ? 3.0 : 1.0)) + 1.5 * m.modulationRateHz, m);
+    // The I/Q figures of a constant-envelope FSK signal are not estimated in
+    // this release.
+    m.iqOffsetDb = std::numeric_limits<double>::quiet_NaN();
+}
+
