@@ -215,6 +215,7 @@ def test_measure_reports_the_applied_offset_with_units(captures):
     assert abs(m.carrierOffsetHz - 300.0) < 1.0
     assert m.timing_locked and m.carrier_locked
     assert np.isnan(m.amDepthPercent)  # not a figure of a digital family
+    assert m.merDb > 20 and abs(m.evmRmsPercent - 100 * 10 ** (-m.merDb / 20)) < 1e-9
     assert m.units["carrierOffsetHz"] == "Hz" and m.figures()["cnrDb"][1] == "dB"
     assert len(m.analysis.constI) == 800
     with pytest.raises(vantrel.BadArgumentError):

@@ -442,9 +442,11 @@ def analyze(iq, fs, rb, mode, filter="rrc", rolloff=0.35, fs_min=0.0, scale=None
 
 def measure(iq, fs, rb, mode, filter="rrc", rolloff=0.35, scale=None):
     """Measure one block in measurement mode: the figures an instrument user
-    reads (carrier offset in Hz, symbol-clock error, I/Q offset and imbalance
-    in dB and degrees, occupied bandwidth, C/N, true AM depth and FM/PM
-    deviation), beside the standard analysis of the same block.
+    reads (carrier offset in Hz, symbol-clock error, MER and EVM over every
+    symbol, magnitude and phase error, I/Q offset and imbalance in dB and
+    degrees, occupied bandwidth, C/N, FSK deviation and error, true AM depth
+    and FM/PM deviation), beside the standard analysis of the same block
+    (``m.analysis``, whose return code the record's ``standardCode`` keeps).
 
     Parameters are those of :func:`analyze` (``fs_min`` is not taken).
 
@@ -454,7 +456,9 @@ def measure(iq, fs, rb, mode, filter="rrc", rolloff=0.35, scale=None):
 
     Raises
     ------
-    The same exceptions as :func:`analyze`, for the same return codes.
+    The exceptions of :func:`analyze` for the measurement's own return codes
+    (bad arguments, unknown handle or no memory); a block the standard
+    analysis refuses is still measured.
 
     Examples
     --------
