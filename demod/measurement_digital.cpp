@@ -209,14 +209,40 @@ PhaseLine blindLine(const std::vector<cd>& z, const Constellation& c, ModType fa
     return line;
 }
 
+PhaseLine fitLine(const std::vector<cd>& z, const Instants& t, const Constellation& c,
+                  ModType family, PhaseLine line, int passes, std::vector<cd>& ideal,
+                  std::vector<cd>& norm);
+
+// The fit on a long block first runs on every stride-th symbol (some 8192 of
+// them) until it settles, then once on all: the line is then already right
+// to a fraction of the noise, so one full-length pass (the costly one) takes
+// the decisions it would keep.
 PhaseLine decisionDirectedLine(const std::vector<cd>& z, const Instants& t, const Constellation& c,
                                ModType family, PhaseLine line, std::vector<cd>& ideal,
                                std::vector<cd>& norm) {
+    const std::size_t stride = z.size() / 8192;
+    if (stride >= 2 && family != MT_ASK) {
+        Instants sparse = t;
+        sparse.T = t.T * double(stride);
+        sparse.count = (t.count + stride - 1) / stride;
+        std::vector<cd> zs(sparse.count);
+        for (std::size_t k = 0; k < sparse.count; ++k) zs[k] = z[k * stride];
+        line = fitLine(zs, sparse, c, family, line, 12, ideal, norm);
+        return fitLine(z, t, c, family, line, 1, ideal, norm);
+    }
+    return fitLine(z, t, c, family, line, 12, ideal, norm);
+}
+
+// Up to `passes` rounds of decisions and line fit, stopping once settled;
+// `norm` and `ideal` are left for the final line.
+PhaseLine fitLine(const std::vector<cd>& z, const Instants& t, const Constellation& c,
+                  ModType family, PhaseLine line, int passes, std::vector<cd>& ideal,
+                  std::vector<cd>& norm) {
     const std::size_t K = z.size();
     const double tmid = 0.5 * (t.at(0) + t.at(K - 1));
     norm.assign(K, cd(0, 0));
     std::vector<cd> previous;
-    for (int it = 0; it < 12; ++it) {
+    for (int it = 0; it < passes; ++it) {
         const std::vector<cd> rot = rotations(-line.phase0, -line.omega, t);
         const cd inverse = 1.0 / line.gain;
         for (std::size_t k = 0; k < K; ++k) norm[k] = z[k] * rot[k] * inverse;
@@ -254,6 +280,7 @@ PhaseLine decisionDirectedLine(const std::vector<cd>& z, const Instants& t, cons
     const std::vector<cd> rot = rotations(-line.phase0, -line.omega, t);
     const cd inverse = 1.0 / line.gain;
     for (std::size_t k = 0; k < K; ++k) norm[k] = z[k] * rot[k] * inverse;
+    decide(norm, c, family, ideal);
     return line;
 }
 
@@ -271,9 +298,10 @@ std::vector<cd> removeCarrier(const std::vector<cd>& x, double omega) {
     return out;
 }
 
-std::vector<cd> symbolsAt(const std::vector<cd>& y, const Instants& t) {
+std::vector<cd> symbolsAt(const std::vector<cd>& y, const Instants& t,
+                          const vantrel::meas::FractionalFilter& f) {
     std::vector<cd> z(t.count);
-    for (std::size_t k = 0; k < t.count; ++k) z[k] = vantrel::meas::interpolate_at(y, t.at(k));
+    for (std::size_t k = 0; k < t.count; ++k) z[k] = f.at(y.data(), long(y.size()), t.at(k));
     return z;
 }
 
@@ -387,10 +415,15 @@ void measureLinear(MeasurementPipeline& p, VantrelMeasurement& m) {
     std::vector<cd> zM(t.count);
     for (std::size_t k = 0; k < t.count; ++k)
         zM[k] = integerPower(coarseInterpolator.at(y.data(), long(y.size()), t.at(k)), M);
-    const double fSym =
-        vantrel::meas::strongest_line(zM.data(), zM.size(), false, nullptr, nullptr, 1) / M;
+    // The decision-directed fit below refines the frequency over the whole
+    // block, so a parabola on the FFT's peak is enough here.
+    const double fSym = vantrel::meas::coarse_line(zM.data(), zM.size()) / M;
     const double Omega = kTwoPi * fSym / t.T;  // rad per sample
-    const std::vector<cd> z = symbolsAt(vantrel::meas::filter_centred(removeCarrier(x, Omega), h), t);
+    // The matched filter evaluated at the instants only, on the stream with
+    // the coarse carrier removed.
+    const vantrel::meas::FractionalFilter matched =
+        vantrel::meas::matched_interpolator(p.filterType, p.rolloff, kAnalysisSps);
+    const std::vector<cd> z = symbolsAt(removeCarrier(x, Omega), t, matched);
 
     const std::vector<cd> turn = rotations(0.0, Omega, t);  // exp(j Omega t_k)
     const bool circular = (p.family == MT_PSK && p.order >= 4) || p.family == MT_QAM;

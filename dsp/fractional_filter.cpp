@@ -32,21 +32,24 @@ double besselI0(double x) {
 }  // namespace
 
 FractionalFilter::FractionalFilter(double cutoff, int halfTaps, double kaiserBeta)
+    : FractionalFilter(halfTaps, [cutoff, halfTaps, kaiserBeta](double d) {
+          const double r = d / double(std::max(1, halfTaps));
+          if (std::fabs(r) >= 1.0) return 0.0;
+          const double arg = 2.0 * cutoff * d;
+          const double sinc = std::fabs(arg) < 1e-12 ? 1.0 : std::sin(kPi * arg) / (kPi * arg);
+          const double w = besselI0(kaiserBeta * std::sqrt(1.0 - r * r)) / besselI0(kaiserBeta);
+          return 2.0 * cutoff * sinc * w;
+      }) {}
+
+FractionalFilter::FractionalFilter(int halfTaps, const std::function<double(double)>& kernel)
     : K_(std::max(1, halfTaps)) {
     const int width = 2 * K_;
     rows_.assign(std::size_t(kPhases + 1) * std::size_t(width), 0.0);
-    const double norm = 1.0 / besselI0(kaiserBeta);
     for (int p = 0; p <= kPhases; ++p) {
         const double frac = double(p) / kPhases;
-        for (int i = 0; i < width; ++i) {
-            const double d = frac + double(K_ - 1 - i);
-            const double r = d / double(K_);
-            if (std::fabs(r) >= 1.0) continue;
-            const double arg = 2.0 * cutoff * d;
-            const double sinc = std::fabs(arg) < 1e-12 ? 1.0 : std::sin(kPi * arg) / (kPi * arg);
-            const double w = besselI0(kaiserBeta * std::sqrt(1.0 - r * r)) * norm;
-            rows_[std::size_t(p) * std::size_t(width) + std::size_t(i)] = 2.0 * cutoff * sinc * w;
-        }
+        for (int i = 0; i < width; ++i)
+            rows_[std::size_t(p) * std::size_t(width) + std::size_t(i)] =
+                kernel(frac + double(K_ - 1 - i));
     }
 }
 

@@ -29,9 +29,12 @@ void fft_pow2(std::vector<cd>& x) {
     }
     // Twiddles laid out stage after stage: stage len (half = len / 2) reads
     // exp(-j 2 pi k / len), k < half, contiguously from offset half - 1.
-    // Kept per thread for the next transform of the same size (a Welch
-    // estimate runs hundreds).
-    thread_local std::vector<cd> table;
+    // Kept per thread and per size for the next transform (a Welch estimate
+    // runs hundreds, between two searches of a longer one).
+    thread_local std::vector<std::vector<cd>> tables(64);
+    std::size_t log2n = 0;
+    while ((std::size_t(1) << log2n) < n) ++log2n;
+    std::vector<cd>& table = tables[log2n];
     if (table.size() != n - 1 && n > 1) {
         table.resize(n - 1);
         for (std::size_t half = 1; half < n; half <<= 1)
@@ -137,6 +140,28 @@ double strongest_line(const cd* x, std::size_t len, bool realOnly, cd* amp, doub
         p /= double(len);
         *strength = p > 0.0 ? std::norm(line) / p : 0.0;
     }
+    return f;
+}
+
+double coarse_line(const cd* x, std::size_t len) {
+    if (len == 0) return 0.0;
+    const std::size_t nfft = std::min<std::size_t>(nextPow2(2 * len), std::size_t(1) << 22);
+    const std::size_t used = std::min(len, nfft);
+    std::vector<cd> buf(nfft, cd(0.0, 0.0));
+    for (std::size_t n = 0; n < used; ++n)
+        buf[n] = (0.5 - 0.5 * std::cos(kTwoPi * (double(n) + 0.5) / double(used))) * x[n];
+    fft_pow2(buf);
+    std::size_t best = 0;
+    for (std::size_t k = 1; k < nfft; ++k)
+        if (std::norm(buf[k]) > std::norm(buf[best])) best = k;
+    // Parabola through the log powers of the peak bin and its neighbours.
+    const double a = std::log(std::norm(buf[(best + nfft - 1) % nfft]) + 1e-300);
+    const double b = std::log(std::norm(buf[best]) + 1e-300);
+    const double c = std::log(std::norm(buf[(best + 1) % nfft]) + 1e-300);
+    const double den = a - 2.0 * b + c;
+    const double shift = den < 0.0 ? std::fmax(-0.5, std::fmin(0.5, 0.5 * (a - c) / den)) : 0.0;
+    double f = (double(best) + shift) / double(nfft);
+    if (f >= 0.5) f -= 1.0;
     return f;
 }
 

@@ -46,36 +46,57 @@ double rootRaisedCosine(double t, double beta) {
 }
 }  // namespace
 
-std::vector<double> receive_filter(int filterType, double beta, double sps, double maxHalfSpan) {
-    double halfSpan = 0.5;  // symbols
-    switch (filterType) {
-    case 1: halfSpan = 8.0; break;
-    case 2: halfSpan = 8.0; break;
-    case 3: halfSpan = 4.0; break;
-    default: halfSpan = 0.5; break;
+// Shape of the receive filter: its half span in symbols and its value at t
+// symbols from the centre (not normalised).
+struct ReceivePulse {
+    int filterType;
+    double beta, halfSpan, cutoff, aGauss;
+    ReceivePulse(int type, double b, double sps, double maxHalfSpan)
+        : filterType(type), beta(b) {
+        switch (type) {
+        case 1: halfSpan = 8.0; break;
+        case 2: halfSpan = 8.0; break;
+        case 3: halfSpan = 4.0; break;
+        default: halfSpan = 0.5; break;
+        }
+        halfSpan = std::fmin(halfSpan, maxHalfSpan);
+        cutoff = std::fmin(0.5 * (1.0 + beta) + 0.1, 0.5 * sps);  // in Rb
+        aGauss = std::sqrt(std::log(2.0) / 2.0) / beta;
     }
-    halfSpan = std::fmin(halfSpan, maxHalfSpan);
-    const int H = static_cast<int>(std::floor(halfSpan * sps));
+    double operator()(double t) const {
+        if (std::fabs(t) > halfSpan + 1e-9) return 0.0;
+        switch (filterType) {
+        case 1: return rootRaisedCosine(t, beta);
+        case 2: return 2.0 * cutoff * sinc(2.0 * cutoff * t) * kaiser(t, halfSpan + 1e-9, 6.0);
+        case 3: return std::exp(-(kPi * t / aGauss) * (kPi * t / aGauss));
+        case 5: return std::fabs(t) <= 0.5 ? std::cos(kPi * t) : 0.0;
+        default: return (t >= -0.5 && t < 0.5) ? 1.0 : 0.0;
+        }
+    }
+};
+
+std::vector<double> receive_filter(int filterType, double beta, double sps, double maxHalfSpan) {
+    const ReceivePulse pulse(filterType, beta, sps, maxHalfSpan);
+    const int H = static_cast<int>(std::floor(pulse.halfSpan * sps));
     std::vector<double> h(2 * static_cast<std::size_t>(H) + 1, 0.0);
-    const double cutoff = std::fmin(0.5 * (1.0 + beta) + 0.1, 0.5 * sps);  // in Rb
-    const double aGauss = std::sqrt(std::log(2.0) / 2.0) / beta;
     double sum = 0.0;
     for (int k = -H; k <= H; ++k) {
-        const double t = double(k) / sps;  // symbols
-        double v = 0.0;
-        switch (filterType) {
-        case 1: v = rootRaisedCosine(t, beta); break;
-        case 2: v = 2.0 * cutoff * sinc(2.0 * cutoff * t) * kaiser(t, halfSpan + 1e-9, 6.0); break;
-        case 3: v = std::exp(-(kPi * t / aGauss) * (kPi * t / aGauss)); break;
-        case 5: v = std::fabs(t) <= 0.5 ? std::cos(kPi * t) : 0.0; break;
-        default: v = (t >= -0.5 && t < 0.5) ? 1.0 : 0.0; break;
-        }
+        const double v = pulse(double(k) / sps);
         h[static_cast<std::size_t>(k + H)] = v;
         sum += v;
     }
     if (sum != 0.0)
         for (double& v : h) v /= sum;
     return h;
+}
+
+FractionalFilter matched_interpolator(int filterType, double beta, double sps) {
+    const ReceivePulse pulse(filterType, beta, sps, 8.0);
+    const int H = static_cast<int>(std::floor(pulse.halfSpan * sps));
+    double sum = 0.0;
+    for (int k = -H; k <= H; ++k) sum += pulse(double(k) / sps);
+    const double scale = sum != 0.0 ? 1.0 / sum : 1.0;
+    return FractionalFilter(H + 1, [&](double d) { return pulse(d / sps) * scale; });
 }
 
 std::vector<cd> filter_centred(const std::vector<cd>& x, const std::vector<double>& h) {

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <complex>
+#include <functional>
 #include <cstddef>
 #include <vector>
 
@@ -40,6 +41,12 @@ cd dtft_at(const cd* x, std::size_t len, double f, bool hann);
 double strongest_line(const cd* x, std::size_t len, bool realOnly, cd* amp, double* strength,
                       int zeroPad = 4);
 
+// A quick estimate of the strongest line, for a search that refines it
+// later: Hann-windowed FFT of at least twice the length and a parabola
+// through the log powers of the peak bin and its neighbours (error a few
+// hundredths of a bin on a clean line). Cycles per sample in [-0.5, 0.5).
+double coarse_line(const cd* x, std::size_t len);
+
 // Least-squares fit of y[n] = c0 + a cos(2 pi f n) + b sin(2 pi f n)
 // (+ c1 n when withSlope): returns {c0, a, b, c1}.
 struct ToneFit {
@@ -47,31 +54,6 @@ struct ToneFit {
     double amplitude() const;
 };
 ToneFit fit_tone(const double* y, std::size_t len, double f, bool withSlope);
-
-// ---- matched_pulse.cpp ----
-
-// Receive filter for a shaping pulse at sps samples per symbol (sps may be
-// non-integer): taps h[k], k = 0..2H, centred on H, scaled to unit DC gain
-// (sum h = 1) so that a constant (an I/Q origin offset) passes unchanged.
-//   RRC  (1): the matched root raised cosine, span +-8 symbols;
-//   RC   (2): the transmit pulse is already free of inter-symbol
-//             interference, so a Kaiser-windowed low-pass with cut-off
-//             ((1 + beta) / 2 + 0.1) Rb removes out-of-band noise only;
-//   Gauss(3): the matched Gaussian (BT = beta), span +-4 symbols;
-//   rect (4), half sine (5): the matched one-symbol pulse.
-// maxHalfSpan (symbols) cuts the span shorter.
-std::vector<double> receive_filter(int filterType, double beta, double sps,
-                                   double maxHalfSpan = 8.0);
-
-// y[n] = sum_k h[k] x[n + k - H] (zero-phase, zeros outside the block).
-// Computed tap by tap over blocks of outputs, so the inner loop is a plain
-// multiply-add over contiguous memory that the compiler vectorises.
-std::vector<cd> filter_centred(const std::vector<cd>& x, const std::vector<double>& h);
-
-// Value at fractional position t (samples) by a 32-tap Kaiser-windowed sinc
-// (beta 8, a FractionalFilter with fc = 0.5); zero outside the block.
-cd interpolate_at(const std::vector<cd>& x, double t);
-double interpolate_at(const std::vector<double>& x, double t);
 
 // ---- fractional_filter.cpp ----
 
@@ -84,6 +66,8 @@ double interpolate_at(const std::vector<double>& x, double t);
 class FractionalFilter {
 public:
     FractionalFilter(double cutoff, int halfTaps, double kaiserBeta);
+    // Any kernel k(d) that is zero for |d| >= halfTaps, d in input samples.
+    FractionalFilter(int halfTaps, const std::function<double(double)>& kernel);
     int halfTaps() const { return K_; }
     cd at(const cd* x, long n, double t) const;
     double at(const double* x, long n, double t) const;
@@ -105,6 +89,37 @@ FractionalFilter rate_filter(double spsIn, double spsOut, double bandEdge);
 // y[m] = x(m step) through f, for every m with m step inside the block;
 // step = input samples per output sample.
 std::vector<cd> convert_rate(const std::vector<cd>& x, double step, const FractionalFilter& f);
+
+// ---- matched_pulse.cpp ----
+
+// Receive filter for a shaping pulse at sps samples per symbol (sps may be
+// non-integer): taps h[k], k = 0..2H, centred on H, scaled to unit DC gain
+// (sum h = 1) so that a constant (an I/Q origin offset) passes unchanged.
+//   RRC  (1): the matched root raised cosine, span +-8 symbols;
+//   RC   (2): the transmit pulse is already free of inter-symbol
+//             interference, so a Kaiser-windowed low-pass with cut-off
+//             ((1 + beta) / 2 + 0.1) Rb removes out-of-band noise only;
+//   Gauss(3): the matched Gaussian (BT = beta), span +-4 symbols;
+//   rect (4), half sine (5): the matched one-symbol pulse.
+// maxHalfSpan (symbols) cuts the span shorter.
+std::vector<double> receive_filter(int filterType, double beta, double sps,
+                                   double maxHalfSpan = 8.0);
+
+// The receive filter above as a continuous kernel, h(d) = pulse(d / sps) / sum
+// (the same unit DC gain): x(t) through it at any position t gives the
+// matched-filter output between samples directly, in place of filtering
+// every sample and interpolating.
+FractionalFilter matched_interpolator(int filterType, double beta, double sps);
+
+// y[n] = sum_k h[k] x[n + k - H] (zero-phase, zeros outside the block).
+// Computed tap by tap over blocks of outputs, so the inner loop is a plain
+// multiply-add over contiguous memory that the compiler vectorises.
+std::vector<cd> filter_centred(const std::vector<cd>& x, const std::vector<double>& h);
+
+// Value at fractional position t (samples) by a 32-tap Kaiser-windowed sinc
+// (beta 8, a FractionalFilter with fc = 0.5); zero outside the block.
+cd interpolate_at(const std::vector<cd>& x, double t);
+double interpolate_at(const std::vector<double>& x, double t);
 
 // ---- symbol_clock.cpp ----
 
