@@ -99,6 +99,12 @@ double sliceAxis(double v, int side) {
 // cross shapes, moving a point of an absent corner to the nearer of its two
 // neighbours on the corner's edge.
 cd nearest(const Constellation& c, cd z) {
+    // BPSK and QPSK decide by signs alone.
+    if (c.side == 0 && c.points.size() == 2) return z.real() < 0.0 ? c.points[1] : c.points[0];
+    if (c.side == 0 && c.points.size() == 4) {
+        const double h = c.points[0].real();  // 1 / sqrt(2)
+        return cd(z.real() < 0.0 ? -h : h, z.imag() < 0.0 ? -h : h);
+    }
     if (c.side == 0) {
         cd best = c.points.front();
         double bd = std::norm(z - best);
@@ -284,10 +290,11 @@ PhaseLine fitLine(const std::vector<cd>& z, const Instants& t, const Constellati
     return line;
 }
 
-// The stream with a carrier of omega (rad per sample) removed: one phasor
-// advanced per sample, re-seeded every 1024 samples.
-std::vector<cd> removeCarrier(const std::vector<cd>& x, double omega) {
-    std::vector<cd> out(x.size());
+// The stream with a carrier of omega (rad per sample) removed, into out
+// (whose storage is reused): one phasor advanced per sample, re-seeded
+// every 1024 samples.
+void removeCarrier(const std::vector<cd>& x, double omega, std::vector<cd>& out) {
+    out.resize(x.size());
     const cd step = std::polar(1.0, -omega);
     cd v(1.0, 0.0);
     for (std::size_t n = 0; n < x.size(); ++n) {
@@ -295,7 +302,6 @@ std::vector<cd> removeCarrier(const std::vector<cd>& x, double omega) {
         out[n] = x[n] * v;
         v *= step;
     }
-    return out;
 }
 
 std::vector<cd> symbolsAt(const std::vector<cd>& y, const Instants& t,
@@ -391,7 +397,7 @@ void measureLinear(MeasurementPipeline& p, VantrelMeasurement& m) {
     // M-th power, not symbols free of interference: a receive filter cut to
     // +-2 symbols gives them at a quarter of the cost (it is symmetric, so
     // it moves no instant).
-    const std::vector<cd> y = vantrel::meas::filter_centred(
+    std::vector<cd> y = vantrel::meas::filter_centred(
         x, vantrel::meas::receive_filter(p.filterType, p.rolloff, kAnalysisSps, 2.0));
     std::vector<double> v(y.size());
     for (std::size_t n = 0; n < y.size(); ++n) v[n] = std::norm(y[n]);
@@ -423,7 +429,8 @@ void measureLinear(MeasurementPipeline& p, VantrelMeasurement& m) {
     // the coarse carrier removed.
     const vantrel::meas::FractionalFilter matched =
         vantrel::meas::matched_interpolator(p.filterType, p.rolloff, kAnalysisSps);
-    const std::vector<cd> z = symbolsAt(removeCarrier(x, Omega), t, matched);
+    removeCarrier(x, Omega, y);  // y is spent: its storage takes the derotated stream
+    const std::vector<cd> z = symbolsAt(y, t, matched);
 
     const std::vector<cd> turn = rotations(0.0, Omega, t);  // exp(j Omega t_k)
     const bool circular = (p.family == MT_PSK && p.order >= 4) || p.family == MT_QAM;
@@ -431,33 +438,46 @@ void measureLinear(MeasurementPipeline& p, VantrelMeasurement& m) {
     std::vector<cd> ideal, norm, coef, previousCoef;
     PhaseLine line;
     bool imbalanceKnown = false;
-    std::vector<std::vector<cd>> u(3, std::vector<cd>(t.count));
     line = blindLine(zc, alpha, p.family, M);
     for (int outer = 0; outer < 3; ++outer) {
         // Each pass starts from the previous line: after the first, the
         // decisions rarely change and one step confirms the fit.
         line = decisionDirectedLine(zc, t, alpha, p.family, line, ideal, norm);
-        // Widely-linear fit on the uncompensated symbols: reference, its
-        // image (which the derotation by Omega turns at -2 Omega) and the
-        // origin offset (turning at -Omega).
+        // Widely-linear fit on the uncompensated symbols: reference s_k, its
+        // image conj(s_k) b_k^2 (the derotation by Omega turns it at -2 Omega)
+        // and the origin offset b_k = exp(-j Omega t_k), with |b_k| = 1. The
+        // normal equations need only five sums:
+        //   G = [[S, C, D], [C*, S, E], [D*, E*, K]],  S = sum |s|^2,
+        //   C = sum conj(s)^2 b^2, D = sum conj(s) b, E = sum s conj(b).
         const std::vector<cd> rot = rotations(line.phase0, line.omega, t);
+        double S = 0.0;
+        cd C(0, 0), D(0, 0), E(0, 0), r0(0, 0), r1(0, 0), r2(0, 0);
         for (std::size_t k = 0; k < t.count; ++k) {
             const cd back = std::conj(turn[k]);
-            u[0][k] = ideal[k] * rot[k];
-            u[1][k] = std::conj(u[0][k]) * back * back;
-            u[2][k] = back;
+            const cd sk = ideal[k] * rot[k];
+            const cd image = std::conj(sk) * back * back;
+            S += std::norm(sk);
+            C += std::conj(sk) * image;
+            D += std::conj(sk) * back;
+            E += std::conj(image) * back;
+            r0 += std::conj(sk) * z[k];
+            r1 += std::conj(image) * z[k];
+            r2 += std::conj(back) * z[k];
+        }
+        vantrel::meas::NormalEquations eq;
+        eq.m = 3;
+        const cd row0[4] = {S, C, D, r0}, row1[4] = {std::conj(C), S, E, r1},
+                 row2[4] = {std::conj(D), std::conj(E), double(t.count), r2};
+        for (int j = 0; j < 4; ++j) {
+            eq.G[0][j] = row0[j];
+            eq.G[1][j] = row1[j];
+            eq.G[2][j] = row2[j];
         }
         // The image of a one-dimensional constellation (BPSK, ASK) is only
-        // separable from the signal while the carrier turns.
-        cd cross(0, 0);
-        double n0 = 0, n1 = 0;
-        for (std::size_t k = 0; k < t.count; ++k) {
-            cross += std::conj(u[0][k]) * u[1][k];
-            n0 += std::norm(u[0][k]);
-            n1 += std::norm(u[1][k]);
-        }
-        const bool separable = n0 > 0 && n1 > 0 && std::abs(cross) / std::sqrt(n0 * n1) < 0.9;
-        if (!separable || !vantrel::meas::complex_least_squares(z, u, coef)) {
+        // separable from the signal while the carrier turns: |C| / S is the
+        // correlation of the reference with its image.
+        const bool separable = S > 0 && std::abs(C) / S < 0.9;
+        if (!separable || !vantrel::meas::solve_normal_equations(eq, coef)) {
             imbalanceKnown = false;
             break;
         }

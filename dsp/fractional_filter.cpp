@@ -42,7 +42,7 @@ FractionalFilter::FractionalFilter(double cutoff, int halfTaps, double kaiserBet
       }) {}
 
 FractionalFilter::FractionalFilter(int halfTaps, const std::function<double(double)>& kernel)
-    : K_(std::max(1, halfTaps)) {
+    : K_(std::min(kMaxWidth / 2, std::max(1, halfTaps))) {
     const int width = 2 * K_;
     rows_.assign(std::size_t(kPhases + 1) * std::size_t(width), 0.0);
     for (int p = 0; p <= kPhases; ++p) {
@@ -63,22 +63,22 @@ T FractionalFilter::eval(const T* x, long n, double t) const {
     const int width = 2 * K_;
     const double* r0 = rows_.data() + std::size_t(p) * std::size_t(width);
     const double* r1 = r0 + width;
-    T s0 = T(0.0), s1 = T(0.0);
+    // The taps of this position, blended between the two rows, then one
+    // sum over the samples.
+    double taps[kMaxWidth];
+    for (int i = 0; i < width; ++i) taps[i] = r0[i] + (r1[i] - r0[i]) * w;
+    T s = T(0.0);
     if (first >= 0 && first + width <= n) {
         const T* xs = x + first;
-        for (int i = 0; i < width; ++i) {
-            s0 += xs[i] * r0[i];
-            s1 += xs[i] * r1[i];
-        }
+        for (int i = 0; i < width; ++i) s += xs[i] * taps[i];
     } else {
         for (int i = 0; i < width; ++i) {
             const long j = first + i;
             if (j < 0 || j >= n) continue;
-            s0 += x[j] * r0[i];
-            s1 += x[j] * r1[i];
+            s += x[j] * taps[i];
         }
     }
-    return s0 + (s1 - s0) * w;
+    return s;
 }
 
 cd FractionalFilter::at(const cd* x, long n, double t) const { return eval(x, n, t); }

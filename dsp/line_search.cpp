@@ -145,7 +145,7 @@ double strongest_line(const cd* x, std::size_t len, bool realOnly, cd* amp, doub
 
 double coarse_line(const cd* x, std::size_t len) {
     if (len == 0) return 0.0;
-    const std::size_t nfft = std::min<std::size_t>(nextPow2(2 * len), std::size_t(1) << 22);
+    const std::size_t nfft = std::min<std::size_t>(nextPow2(len), std::size_t(1) << 22);
     const std::size_t used = std::min(len, nfft);
     std::vector<cd> buf(nfft, cd(0.0, 0.0));
     for (std::size_t n = 0; n < used; ++n)

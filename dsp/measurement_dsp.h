@@ -76,6 +76,7 @@ private:
     template <class T>
     T eval(const T* x, long n, double t) const;
     static constexpr int kPhases = 512;
+    static constexpr int kMaxWidth = 1024;  // taps at most (K <= 512)
     int K_;
     std::vector<double> rows_;  // (kPhases + 1) rows of 2K taps
 };
@@ -146,6 +147,13 @@ SymbolClock estimate_symbol_clock(const std::vector<double>& v, double spsNomina
 // returns false when the normal equations are singular.
 bool complex_least_squares(const std::vector<cd>& y, const std::vector<std::vector<cd>>& u,
                            std::vector<cd>& p);
+// The same system given by its sums, G[i][j] = sum conj(u_i) u_j and
+// G[i][m] = sum conj(u_i) y, for a caller that forms them faster.
+struct NormalEquations {
+    std::size_t m = 0;
+    cd G[4][5] = {};
+};
+bool solve_normal_equations(NormalEquations eq, std::vector<cd>& p);
 
 // I/Q impairments from the widely-linear coefficients of y = alpha s +
 // beta conj(s) (+ c): with s = u + jv the received (I, Q) = W (u, v),
@@ -165,8 +173,10 @@ IqImbalance iq_imbalance(cd alpha, cd beta);
 // Welch power spectral density of x: Blackman-Harris (4-term) segments of
 // nfft samples, half overlapping, scaled so that sum(psd) * fs / nfft equals
 // the mean power. Bin k (0..nfft-1) is at frequency (k - nfft/2) fs / nfft.
-// offset is subtracted from every sample first.
-std::vector<double> welch_psd(const std::vector<cd>& x, std::size_t nfft, cd offset = cd(0.0, 0.0));
+// offset is subtracted from every sample first. maxSegments (0: no limit)
+// caps the number of segments, spread evenly over the block.
+std::vector<double> welch_psd(const std::vector<cd>& x, std::size_t nfft, cd offset = cd(0.0, 0.0),
+                              std::size_t maxSegments = 0);
 
 // 99 % occupied bandwidth and the noise floor around a carrier at fc (Hz).
 // The noise density is the mean PSD over the bins farther than `guard` Hz

@@ -9,7 +9,8 @@ namespace {
 constexpr double kTwoPi = 6.283185307179586;
 }  // namespace
 
-std::vector<double> welch_psd(const std::vector<cd>& x, std::size_t nfft, cd offset) {
+std::vector<double> welch_psd(const std::vector<cd>& x, std::size_t nfft, cd offset,
+                              std::size_t maxSegments) {
     std::vector<double> psd(nfft, 0.0);
     if (nfft < 2 || x.size() < nfft) return psd;
     std::vector<double> w(nfft);
@@ -20,7 +21,12 @@ std::vector<double> welch_psd(const std::vector<cd>& x, std::size_t nfft, cd off
                0.01168 * std::cos(3 * a);
         wpow += w[n] * w[n];
     }
-    const std::size_t hop = nfft / 2;
+    // Half-overlapping segments; past maxSegments they are spread evenly
+    // over the block instead (less overlap, the same span).
+    std::size_t hop = nfft / 2;
+    const std::size_t halfOverlapped = (x.size() - nfft) / hop + 1;
+    if (maxSegments >= 2 && halfOverlapped > maxSegments)
+        hop = (x.size() - nfft) / (maxSegments - 1);
     std::size_t segments = 0;
     std::vector<cd> buf(nfft);
     for (std::size_t start = 0; start + nfft <= x.size(); start += hop) {

@@ -11,32 +11,37 @@ bool complex_least_squares(const std::vector<cd>& y, const std::vector<std::vect
                            std::vector<cd>& p) {
     const std::size_t m = u.size();
     if (m == 0 || m > 4) return false;
-    cd G[4][5];
-    for (std::size_t i = 0; i < m; ++i)
-        for (std::size_t j = 0; j <= m; ++j) G[i][j] = 0.0;
+    NormalEquations eq;
+    eq.m = m;
     for (std::size_t k = 0; k < y.size(); ++k) {
         for (std::size_t i = 0; i < m; ++i) {
             const cd ci = std::conj(u[i][k]);
-            for (std::size_t j = 0; j < m; ++j) G[i][j] += ci * u[j][k];
-            G[i][m] += ci * y[k];
+            for (std::size_t j = 0; j < m; ++j) eq.G[i][j] += ci * u[j][k];
+            eq.G[i][m] += ci * y[k];
         }
     }
+    return solve_normal_equations(eq, p);
+}
+
+bool solve_normal_equations(NormalEquations eq, std::vector<cd>& p) {
+    const std::size_t m = eq.m;
+    if (m == 0 || m > 4) return false;
     double scale = 0.0;
-    for (std::size_t i = 0; i < m; ++i) scale = std::fmax(scale, std::abs(G[i][i]));
+    for (std::size_t i = 0; i < m; ++i) scale = std::fmax(scale, std::abs(eq.G[i][i]));
     for (std::size_t c = 0; c < m; ++c) {
         std::size_t piv = c;
         for (std::size_t r = c + 1; r < m; ++r)
-            if (std::abs(G[r][c]) > std::abs(G[piv][c])) piv = r;
-        for (std::size_t k = 0; k <= m; ++k) std::swap(G[c][k], G[piv][k]);
-        if (!(std::abs(G[c][c]) > 1e-12 * scale)) return false;
+            if (std::abs(eq.G[r][c]) > std::abs(eq.G[piv][c])) piv = r;
+        for (std::size_t k = 0; k <= m; ++k) std::swap(eq.G[c][k], eq.G[piv][k]);
+        if (!(std::abs(eq.G[c][c]) > 1e-12 * scale)) return false;
         for (std::size_t r = 0; r < m; ++r) {
             if (r == c) continue;
-            const cd q = G[r][c] / G[c][c];
-            for (std::size_t k = c; k <= m; ++k) G[r][k] -= q * G[c][k];
+            const cd q = eq.G[r][c] / eq.G[c][c];
+            for (std::size_t k = c; k <= m; ++k) eq.G[r][k] -= q * eq.G[c][k];
         }
     }
     p.assign(m, cd(0.0, 0.0));
-    for (std::size_t i = 0; i < m; ++i) p[i] = G[i][m] / G[i][i];
+    for (std::size_t i = 0; i < m; ++i) p[i] = eq.G[i][m] / eq.G[i][i];
     return true;
 }
 
