@@ -65,8 +65,12 @@ T FractionalFilter::eval(const T* x, long n, double t) const {
     const double* r1 = r0 + width;
     // The taps of this position, blended between the two rows, then one
     // sum over the samples.
-    double taps[kMaxWidth];
-    for (int i = 0; i < width; ++i) taps[i] = r0[i] + (r1[i] - r0[i]) * w;
+    double blended[kMaxWidth];
+    const double* taps = r0;  // a position on a table phase needs no blend
+    if (w != 0.0) {
+        for (int i = 0; i < width; ++i) blended[i] = r0[i] + (r1[i] - r0[i]) * w;
+        taps = blended;
+    }
     T s = T(0.0);
     if (first >= 0 && first + width <= n) {
         const T* xs = x + first;
