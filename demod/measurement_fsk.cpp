@@ -40,31 +40,23 @@ std::vector<double> instantsOf(const vantrel::meas::SymbolClock& c, std::size_t 
     return t;
 }
 
-// Real least squares by Gaussian elimination with partial pivoting; n <= 8.
-bool realLeastSquares(const std::vector<std::vector<double>>& rows, const std::vector<double>& y,
-                      std::vector<double>& p) {
-    const std::size_t n = rows.empty() ? 0 : rows[0].size();
-    if (n == 0 || n > 8) return false;
-    double A[8][9] = {};
-    for (std::size_t k = 0; k < y.size(); ++k)
-        for (std::size_t i = 0; i < n; ++i) {
-            for (std::size_t j = 0; j < n; ++j) A[i][j] += rows[k][i] * rows[k][j];
-            A[i][n] += rows[k][i] * y[k];
-        }
-    for (std::size_t c = 0; c < n; ++c) {
-        std::size_t piv = c;
-        for (std::size_t r = c + 1; r < n; ++r)
+// Solves the n x n normal equations A p = A[., n] (n <= 6) by Gaussian
+// elimination with partial pivoting.
+bool solveNormal(double A[6][7], int n, std::vector<double>& p) {
+    for (int c = 0; c < n; ++c) {
+        int piv = c;
+        for (int r = c + 1; r < n; ++r)
             if (std::fabs(A[r][c]) > std::fabs(A[piv][c])) piv = r;
-        for (std::size_t k = 0; k <= n; ++k) std::swap(A[c][k], A[piv][k]);
+        for (int k = 0; k <= n; ++k) std::swap(A[c][k], A[piv][k]);
         if (!(std::fabs(A[c][c]) > 0.0)) return false;
-        for (std::size_t r = 0; r < n; ++r) {
+        for (int r = 0; r < n; ++r) {
             if (r == c) continue;
             const double q = A[r][c] / A[c][c];
-            for (std::size_t k = c; k <= n; ++k) A[r][k] -= q * A[c][k];
+            for (int k = c; k <= n; ++k) A[r][k] -= q * A[c][k];
         }
     }
-    p.assign(n, 0.0);
-    for (std::size_t i = 0; i < n; ++i) p[i] = A[i][n] / A[i][i];
+    p.assign(std::size_t(n), 0.0);
+    for (int i = 0; i < n; ++i) p[std::size_t(i)] = A[i][n] / A[i][i];
     return true;
 }
 
@@ -84,21 +76,29 @@ double linearAt(const std::vector<double>& x, double t) {
 bool fitLevels(const std::vector<int>& level, const std::vector<double>& adv,
                std::vector<double>& coef, double& residual) {
     const std::size_t K = level.size();
-    std::vector<std::vector<double>> rows;
-    std::vector<double> y;
+    if (K < 8) return false;
+    auto row = [&](std::size_t k, double r[6]) {
+        r[0] = 1.0;
+        for (int j = 0; j < 5; ++j) r[j + 1] = double(level[k + std::size_t(j) - 2]);
+    };
+    double A[6][7] = {};
     for (std::size_t k = 2; k + 2 < K; ++k) {
-        rows.push_back({1.0, double(level[k - 2]), double(level[k - 1]), double(level[k]),
-                        double(level[k + 1]), double(level[k + 2])});
-        y.push_back(adv[k]);
+        double r[6];
+        row(k, r);
+        for (int i = 0; i < 6; ++i) {
+            for (int j = 0; j < 6; ++j) A[i][j] += r[i] * r[j];
+            A[i][6] += r[i] * adv[k];
+        }
     }
-    if (!realLeastSquares(rows, y, coef)) return false;
+    if (!solveNormal(A, 6, coef)) return false;
     residual = 0.0;
-    for (std::size_t r = 0; r < rows.size(); ++r) {
-        double model = 0.0;
-        for (std::size_t j = 0; j < coef.size(); ++j) model += coef[j] * rows[r][j];
-        residual += (y[r] - model) * (y[r] - model);
+    for (std::size_t k = 2; k + 2 < K; ++k) {
+        double r[6], model = 0.0;
+        row(k, r);
+        for (int j = 0; j < 6; ++j) model += coef[std::size_t(j)] * r[j];
+        residual += (adv[k] - model) * (adv[k] - model);
     }
-    residual = std::sqrt(residual / double(rows.size()));
+    residual = std::sqrt(residual / double(K - 4));
     return true;
 }
 
@@ -111,25 +111,40 @@ std::vector<int> correlatorLevels(const std::vector<cd>& s, double fs,
                                   const std::vector<double>& t, double T, double fc,
                                   double unit, bool four) {
     const std::vector<int> levels = four ? std::vector<int>{-3, -1, 1, 3} : std::vector<int>{-1, 1};
-    std::vector<cd> step(levels.size());
-    std::vector<double> cycles(levels.size());
-    for (std::size_t l = 0; l < levels.size(); ++l) {
-        cycles[l] = (fc + levels[l] * unit) / fs;  // cycles per sample
-        step[l] = std::polar(1.0, -kTwoPi * cycles[l]);
-    }
+    // Only the magnitude of a correlation counts, so each tone may start at
+    // phase 0 in every window: one table per tone serves every symbol.
+    const std::size_t width = static_cast<std::size_t>(std::ceil(T)) + 2;
+    std::vector<std::vector<cd>> tone(levels.size(), std::vector<cd>(width));
+    for (std::size_t l = 0; l < levels.size(); ++l)
+        for (std::size_t i = 0; i < width; ++i)
+            tone[l][i] = std::polar(1.0, -kTwoPi * std::fmod((fc + levels[l] * unit) / fs * double(i), 1.0));
     const long n = static_cast<long>(s.size());
     std::vector<int> out(t.size(), levels.back());
     for (std::size_t k = 0; k < t.size(); ++k) {
-        const long lo = std::max(0L, static_cast<long>(std::ceil(t[k] - 0.5 * T)));
-        const long hi = std::min(n, static_cast<long>(std::ceil(t[k] + 0.5 * T)));
+        // Each sample stands for the interval n +- 1/2 and counts with the
+        // share of it inside the symbol t +- T/2, so the window is one
+        // symbol long whatever the instant's fraction.
+        const double a = t[k] - 0.5 * T, b = t[k] + 0.5 * T;
+        const long lo = std::max(0L, static_cast<long>(std::floor(a + 0.5)));
+        const long hi = std::min({n, static_cast<long>(std::floor(b + 0.5)) + 1, lo + long(width)});
+        double share[64];
+        const long count = std::min(hi - lo, 64L);
+        for (long i = 0; i < count; ++i) {
+            const double c = double(lo + i);
+            share[i] = std::fmax(0.0, std::fmin(c + 0.5, b) - std::fmax(c - 0.5, a));
+        }
         double best = -1.0;
         for (std::size_t l = 0; l < levels.size(); ++l) {
-            cd rot = std::polar(1.0, -kTwoPi * std::fmod(cycles[l] * double(lo), 1.0));
             cd acc(0.0, 0.0);
-            for (long i = lo; i < hi; ++i) {
-                acc += s[static_cast<std::size_t>(i)] * rot;
-                rot *= step[l];
+            const cd* x = s.data() + lo;
+            const cd* w = tone[l].data();
+            double re = 0.0, im = 0.0;
+            for (long i = 0; i < count; ++i) {  // the product written out
+                const double xr = share[i] * x[i].real(), xi = share[i] * x[i].imag();
+                re += xr * w[i].real() - xi * w[i].imag();
+                im += xr * w[i].imag() + xi * w[i].real();
             }
+            acc = cd(re, im);
             if (std::norm(acc) > best) {
                 best = std::norm(acc);
                 out[k] = levels[l];
@@ -181,7 +196,7 @@ void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
     const double rawSps = p.fs / p.rb;
     // A capture below four samples per symbol is interpolated to eight; the
     // filter passes everything up to 0.45 of the capture's own rate.
-    const bool interpolate = rawSps != kFskAnalysisSps;
+    const bool interpolate = rawSps < 4.0 || rawSps > kFskAnalysisSps;
     const double sps = interpolate ? kFskAnalysisSps : rawSps;
     const double fs = sps * p.rb;
     const std::vector<cd> x =
@@ -214,6 +229,9 @@ void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
     }
     p.clock = vantrel::meas::estimate_symbol_clock(v, sps);
     p.instants = instantsOf(p.clock, n, double(h.size() / 2) + 20.0 + 2.0 * sps);
+    // The phase difference of samples i-1 and i is the frequency half a
+    // sample before i, so the clock found on it runs half a sample late.
+    for (double& v : p.instants) v -= 0.5;
     p.instantSps = sps;
     const std::vector<double>& t = p.instants;
     if (t.size() < 64) return;
@@ -256,19 +274,29 @@ void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
         fc = coef[0];
     }
     // The discriminator's decisions gave the tones; the final decisions
-    // correlate each symbol with them, which is what the noise allows at
-    // best, and the model is fitted once more on those.
+    // correlate each symbol with them (the best symbol-by-symbol receiver
+    // for tones of unknown phase), and the model is fitted once more.
     double levelOne = 0.0;
     for (std::size_t j = 1; j < coef.size(); ++j) levelOne += coef[j];
-    level = correlatorLevels(s, fs, t, T, fc, levelOne, four);
-    // The discriminator's tones are pulled by its clicks at low SNR; the
-    // tones measured on the decided symbols are not, and a second pass of
-    // the correlator uses them.
-    // Decisions and tones improve each other; three rounds settle them.
+    // The discriminator's tones are pulled by its clicks at low SNR; tones
+    // measured on the decided symbols are not. Correlation and tone
+    // measurement then refine each other.
     double toneCentre = fc, toneUnit = levelOne;
-    for (int round = 0; round < 3 && measureTones(s, fs, t, T, level, toneCentre, toneUnit); ++round)
-        level = correlatorLevels(s, fs, t, T, toneCentre, toneUnit, four);
-    if (!fitLevels(level, adv, coef, residual)) return;
+    measureTones(s, fs, t, T, level, toneCentre, toneUnit);
+    std::vector<int> heard = correlatorLevels(s, fs, t, T, toneCentre, toneUnit, four);
+    for (int round = 0; round < 2 && measureTones(s, fs, t, T, heard, toneCentre, toneUnit); ++round)
+        heard = correlatorLevels(s, fs, t, T, toneCentre, toneUnit, four);
+    // One symbol of two tones closer than about a symbol rate apart does not
+    // hold enough cycles to tell them by correlation (they are far from
+    // orthogonal); there the discriminator's decisions are kept.
+    std::vector<double> heardCoef;
+    double heardResidual = 0.0;
+    const bool separable = 2.0 * std::fabs(toneUnit) >= 0.75 * p.rb;
+    if (separable && fitLevels(heard, adv, heardCoef, heardResidual)) {
+        level.swap(heard);
+        coef.swap(heardCoef);
+        residual = heardResidual;
+    }
     fc = coef[0];
     p.carrierHz = fc;
     p.fskFrequency.assign(K, 0.0);
