@@ -281,17 +281,21 @@ void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
     // The discriminator's tones are pulled by its clicks at low SNR; tones
     // measured on the decided symbols are not. Correlation and tone
     // measurement then refine each other.
-    double toneCentre = fc, toneUnit = levelOne;
-    measureTones(s, fs, t, T, level, toneCentre, toneUnit);
-    std::vector<int> heard = correlatorLevels(s, fs, t, T, toneCentre, toneUnit, four);
-    for (int round = 0; round < 2 && measureTones(s, fs, t, T, heard, toneCentre, toneUnit); ++round)
-        heard = correlatorLevels(s, fs, t, T, toneCentre, toneUnit, four);
     // One symbol of two tones closer than about a symbol rate apart does not
     // hold enough cycles to tell them by correlation (they are far from
     // orthogonal); there the discriminator's decisions are kept.
+    double toneCentre = fc, toneUnit = levelOne;
+    measureTones(s, fs, t, T, level, toneCentre, toneUnit);
+    const bool separable = 2.0 * std::fabs(toneUnit) >= 0.75 * p.rb;
+    std::vector<int> heard;
+    if (separable) {
+        heard = correlatorLevels(s, fs, t, T, toneCentre, toneUnit, four);
+        for (int round = 0; round < 1 && measureTones(s, fs, t, T, heard, toneCentre, toneUnit);
+             ++round)
+            heard = correlatorLevels(s, fs, t, T, toneCentre, toneUnit, four);
+    }
     std::vector<double> heardCoef;
     double heardResidual = 0.0;
-    const bool separable = 2.0 * std::fabs(toneUnit) >= 0.75 * p.rb;
     if (separable && fitLevels(heard, adv, heardCoef, heardResidual)) {
         level.swap(heard);
         coef.swap(heardCoef);
