@@ -18,8 +18,9 @@ namespace vantrel::meas {
 
 namespace {
 constexpr double kPi = 3.141592653589793;
+}  // namespace
 
-double besselI0(double x) {
+double bessel_i0(double x) {
     double sum = 1.0, term = 1.0;
     const double q = 0.25 * x * x;
     for (int k = 1; k < 200; ++k) {
@@ -29,7 +30,6 @@ double besselI0(double x) {
     }
     return sum;
 }
-}  // namespace
 
 FractionalFilter::FractionalFilter(double cutoff, int halfTaps, double kaiserBeta)
     : FractionalFilter(halfTaps, [cutoff, halfTaps, kaiserBeta](double d) {
@@ -37,7 +37,7 @@ FractionalFilter::FractionalFilter(double cutoff, int halfTaps, double kaiserBet
           if (std::fabs(r) >= 1.0) return 0.0;
           const double arg = 2.0 * cutoff * d;
           const double sinc = std::fabs(arg) < 1e-12 ? 1.0 : std::sin(kPi * arg) / (kPi * arg);
-          const double w = besselI0(kaiserBeta * std::sqrt(1.0 - r * r)) / besselI0(kaiserBeta);
+          const double w = bessel_i0(kaiserBeta * std::sqrt(1.0 - r * r)) / bessel_i0(kaiserBeta);
           return 2.0 * cutoff * sinc * w;
       }) {}
 

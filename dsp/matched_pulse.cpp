@@ -11,23 +11,10 @@ constexpr double kPi = 3.141592653589793;
 
 double sinc(double x) { return std::fabs(x) < 1e-12 ? 1.0 : std::sin(kPi * x) / (kPi * x); }
 
-// Zeroth-order modified Bessel function, power series (converges for the
-// Kaiser arguments used here, x <= 10).
-double besselI0(double x) {
-    double sum = 1.0, term = 1.0;
-    const double q = 0.25 * x * x;
-    for (int k = 1; k < 60; ++k) {
-        term *= q / (double(k) * double(k));
-        sum += term;
-        if (term < 1e-17 * sum) break;
-    }
-    return sum;
-}
-
 double kaiser(double x, double halfWidth, double beta) {
     const double r = x / halfWidth;
     if (std::fabs(r) >= 1.0) return 0.0;
-    return besselI0(beta * std::sqrt(1.0 - r * r)) / besselI0(beta);
+    return bessel_i0(beta * std::sqrt(1.0 - r * r)) / bessel_i0(beta);
 }
 
 // Root raised cosine p(t), t in symbols, with its two removable

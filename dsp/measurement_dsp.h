@@ -57,6 +57,10 @@ ToneFit fit_tone(const double* y, std::size_t len, double f, bool withSlope);
 
 // ---- fractional_filter.cpp ----
 
+// Zeroth-order modified Bessel function I0(x) by its power series
+// sum ((x/2)^k / k!)^2 (the Kaiser window's shape).
+double bessel_i0(double x);
+
 // Band-limited value of a sampled signal at any position t (input samples):
 //   x(t) = sum_j x[j] h(t - j),  h(d) = 2 fc sinc(2 fc d) kaiser(d / K, beta),
 // fc the cut-off in cycles per input sample and K taps on each side; samples
