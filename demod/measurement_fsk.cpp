@@ -11,9 +11,11 @@
 // symbol, sum_j d_j is the steady frequency of level 1: the outer tone's
 // deviation is that sum times the outer level. The residual of the fit is
 // the FSK error.
-// Below four samples per symbol the block is first interpolated to eight, so
+// Below four samples per symbol the block is first interpolated to four, so
 // that the phase differences stay well inside +-pi and the one-symbol
-// average has several samples to work with.
+// average has several samples to work with; above eight it is decimated to
+// eight, which keeps the noise outside the signal's band out of the
+// discriminator.
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -25,7 +27,10 @@ using vantrel::meas::cd;
 namespace {
 
 constexpr double kTwoPi = 6.283185307179586;
-constexpr double kFskAnalysisSps = 8.0;
+// FSK is analysed at its own rate from four to eight samples per symbol and
+// brought to the nearer of the two otherwise.
+constexpr double kFskLowestSps = 4.0;
+constexpr double kFskHighestSps = 8.0;
 
 std::vector<double> instantsOf(const vantrel::meas::SymbolClock& c, std::size_t n,
                                double margin) {
@@ -194,14 +199,16 @@ bool measureTones(const std::vector<cd>& s, double fs, const std::vector<double>
 
 void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
     const double rawSps = p.fs / p.rb;
-    // A capture below four samples per symbol is interpolated to eight; the
-    // filter passes everything up to 0.45 of the capture's own rate.
-    const bool interpolate = rawSps < 4.0 || rawSps > kFskAnalysisSps;
-    const double sps = interpolate ? kFskAnalysisSps : rawSps;
+    // A capture below four samples per symbol is interpolated to four, one
+    // above eight decimated to eight; the filter is flat to 0.4 of the lower
+    // rate (FSK of any usable deviation lies inside) and stops from 0.6.
+    const bool interpolate = rawSps < kFskLowestSps || rawSps > kFskHighestSps;
+    const double sps = rawSps < kFskLowestSps ? kFskLowestSps : interpolate ? kFskHighestSps : rawSps;
     const double fs = sps * p.rb;
     const std::vector<cd> x =
         interpolate ? vantrel::meas::convert_rate(
-                          p.raw, rawSps / sps, vantrel::meas::rate_filter(rawSps, sps, rawSps))
+                          p.raw, rawSps / sps,
+                          vantrel::meas::rate_filter(rawSps, sps, 0.4 * std::min(rawSps, sps)))
                     : std::vector<cd>();
     const std::vector<cd>& s = interpolate ? x : p.raw;
     const std::size_t n = s.size();

@@ -78,7 +78,7 @@ std::vector<double> receive_filter(int filterType, double beta, double sps, doub
 }
 
 FractionalFilter matched_interpolator(int filterType, double beta, double sps) {
-    const ReceivePulse pulse(filterType, beta, sps, 8.0);
+    const ReceivePulse pulse(filterType, beta, sps, 6.0);
     const int H = static_cast<int>(std::floor(pulse.halfSpan * sps));
     double sum = 0.0;
     for (int k = -H; k <= H; ++k) sum += pulse(double(k) / sps);

@@ -447,7 +447,7 @@ TEST_P(MeasurementPath, MerReadsEsN0AndEverySymbolIsDecided) {
                        : pc.mode == MOD_64QAM ? 30.0
                        : (pc.mode == MOD_32QAM || pc.mode == MOD_16QAM) ? 25.0
                                                                         : 20.0;
-    for (double esn0 : {low, 38.0, double(NAN)}) {
+    for (double esn0 : {low, 35.0, double(NAN)}) {
         sg::Config c = digitalConfig(pc.mode, pc.sps);
         c.numSamples = 160000;
         c.esn0Db = esn0;
