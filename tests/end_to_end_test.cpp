@@ -84,7 +84,7 @@ TEST_P(EndToEnd, DecidesTheTransmittedSymbols) {
     EXPECT_EQ(high.match.errors, 0);
     EXPECT_LE(low.match.errors, c.maxLowErrors);
     if (!dense) {
-        EXPECT_GT(low.d.evmRms, high.d.evmRms);
+        EXPECT_GT(double(low.d.evmRms), double(high.d.evmRms));
     }
     // The display divides the grid by (int)sqrt(M) - 1: the outer level lands
     // on 1 for 16 and 64 points and on 5/4 for the 32-point cross.
@@ -94,8 +94,8 @@ TEST_P(EndToEnd, DecidesTheTransmittedSymbols) {
     // Equal marks and spaces; ringing and noise keep the extreme fifths of
     // the envelope off 0 and 1.
     if (c.mode == MOD_ASK) {
-        EXPECT_GT(high.d.modDepth, 0.9);
-        EXPECT_GT(low.d.modDepth, 0.8);
+        EXPECT_GT(double(high.d.modDepth), 0.9);
+        EXPECT_GT(double(low.d.modDepth), 0.8);
     }
     // The deviation is read on the matched-filtered trace at 4 Rb: a unit-
     // energy RRC (DC gain about sqrt(sps)) makes D read about 4 D / sqrt(sps),
@@ -104,7 +104,7 @@ TEST_P(EndToEnd, DecidesTheTransmittedSymbols) {
     // largest values reads 7 to 9 % low at 4 and 8.
     const double reading = 4.0 * kDeviation / std::sqrt(c.sps);
     if (order > 0 && !psk && !qam && !dense && c.mode != MOD_ASK) {
-        EXPECT_NEAR(high.d.freqDeviation, reading, (c.sps <= 8 ? 0.05 : 0.2) * reading);
+        EXPECT_NEAR(double(high.d.freqDeviation), reading, (c.sps <= 8 ? 0.05 : 0.2) * reading);
     }
 }
 

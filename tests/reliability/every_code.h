@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <cstring>
-#include <utility>
 #include <vector>
 
 #include "../capture_runner.h"
@@ -45,7 +44,9 @@ inline std::vector<uint64_t> snapshot(const DisplayData& r) {
         std::memcpy(&u, &v, sizeof u);
         s.push_back(u);
     };
-    const std::pair<const double*, uint32_t> arrays[] = {
+    // The record is packed: its fields are copied by value, never bound to
+    // references.
+    const struct { const double* a; uint32_t n; } arrays[] = {
         {r.eye, r.eyeLen},           {r.constI, r.constLen},         {r.constQ, r.constLen},
         {r.evm, r.evmLen},           {r.phaseErr, r.phaseErrLen},    {r.magErr, r.magErrLen},
         {r.phaseTrace, r.phaseTraceLen}, {r.freqTrace, r.freqTraceLen}, {r.envTrace, r.envTraceLen},
@@ -54,7 +55,8 @@ inline std::vector<uint64_t> snapshot(const DisplayData& r) {
         s.push_back(n);
         for (uint32_t i = 0; i < n; ++i) word(a[i]);
     }
-    for (const auto& [a, n] : {std::pair<const uint32_t*, uint32_t>{r.bits, r.bitsLen}, {r.symbols, r.symbolsLen}}) {
+    const struct { const uint32_t* a; uint32_t n; } words[] = {{r.bits, r.bitsLen}, {r.symbols, r.symbolsLen}};
+    for (const auto& [a, n] : words) {
         s.push_back(n);
         s.insert(s.end(), a, a + n);
     }
