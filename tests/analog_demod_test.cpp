@@ -45,9 +45,8 @@ TEST_P(InPhase, CopiesTheRealPartOfAnUnfilteredBlock) {
     EXPECT_TRUE(host.intact());
 }
 
-INSTANTIATE_TEST_SUITE_P(CodesAndBounds, InPhase,
-                         ::testing::Combine(::testing::Values(14u, 15u),
-                                            ::testing::Values(0.125, 0.5, 0.01, 0.7)));
+INSTANTIATE_TEST_SUITE_P(CodesAndBounds, InPhase, ::testing::Combine(::testing::Values(14u, 15u),
+                                                                     ::testing::Values(0.125, 0.5, 0.01, 0.7)));
 
 TEST_F(Analog, FilteredBlockKeepsNMinus32SamplesWithoutDelayCompensation) {
     // An impulse at p comes out as the symmetric 33-tap pulse centred on

@@ -7,6 +7,15 @@
 #include "test_support.h"
 #include "truth_match.h"
 
+// Generator settings for a capture of `mode` at `sps` samples per symbol and
+// Rb symbols per second, `samples` long; everything else at its default.
+inline vantrel::siggen::Config captureConfig(int mode, double sps, long samples, uint64_t seed = 1,
+                                             double Rb = 25000.0) {
+    vantrel::siggen::Config c;
+    c.mode = mode, c.sps = sps, c.numSamples = samples, c.seed = seed, c.Rb = Rb;
+    return c;
+}
+
 // One analysis of a generated capture on a fresh instance.
 inline int analyseCapture(const vantrel::siggen::Result& capture, HostRecord& host,
                           uint32_t filterType, double rolloff, bool dump = false) {

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "CommonFun.h"
-#include "siggen.h"
+#include "capture_runner.h"
 
 namespace {
 
@@ -21,12 +21,8 @@ constexpr double kBinHz = kFs / kLen;
 // Rectangular pulses at 4 samples per symbol keep the PSK envelope constant,
 // so x^M is a pure line at M times the offset.
 std::vector<Complex> capture(int mode, double offsetHz) {
-    sg::Config c;
-    c.mode = mode;
-    c.Rb = kFs / 4;
-    c.sps = 4;
+    sg::Config c = captureConfig(mode, 4, kLen, 1, kFs / 4);
     c.filterType = sg::kRect;
-    c.numSamples = kLen;
     c.carrierOffsetHz = offsetHz;
     std::vector<Complex> x;
     for (const auto& v : sg::generate(c).baseband) x.push_back(Complex{v.real(), v.imag()});

@@ -22,22 +22,20 @@ struct Case {
     long samples = 0;      // 0: enough for about 4200 symbols
 };
 
+// The record's counts and scalars (its array pointers die with the host).
 struct Figures {
     int code;
-    uint32_t constLen, symbolsLen, bitsLen;
+    DisplayData d;
     sg::Match match;
-    double evmRms, outerI, modDepth, freqDeviation;
+    double outerI;  // mean |I| of the displayed points beyond 80 % of the largest
 };
 
 constexpr double kDeviation = 12500.0;  // Hz, FSK outer tone
 
 Figures analyse(const Case& c, double esn0) {
     const bool dense = c.mode == MOD_128QAM || c.mode == MOD_256QAM;
-    sg::Config cfg;
-    cfg.mode = c.mode;
-    cfg.sps = c.sps;
-    cfg.numSamples = c.samples > 0 ? c.samples : std::max<long>(16384, std::lround(4200 * c.sps));
-    cfg.seed = dense ? 21 : 23;
+    const long samples = c.samples > 0 ? c.samples : std::max<long>(16384, std::lround(4200 * c.sps));
+    sg::Config cfg = captureConfig(c.mode, c.sps, samples, dense ? 21 : 23);
     cfg.carrierOffsetHz = dense ? 150.0 : 300.0;
     cfg.carrierPhase = dense ? 0.3 : 0.4;
     cfg.esn0Db = esn0;
@@ -45,17 +43,8 @@ Figures analyse(const Case& c, double esn0) {
     cfg.peak = 12000.0;
     const sg::Result capture = sg::generate(cfg);
     HostRecord host(static_cast<uint32_t>(capture.I.size()), static_cast<uint32_t>(c.mode));
-    Figures f{};
-    f.code = analyseCapture(capture, host);
+    Figures f{analyseCapture(capture, host), host.rec, matchTruth(capture, host), 0.0};
     const DisplayData& d = host.rec;
-    f.constLen = d.constLen;
-    f.symbolsLen = d.symbolsLen;
-    f.bitsLen = d.bitsLen;
-    f.match = matchTruth(capture, host);
-    f.evmRms = d.evmRms;
-    f.modDepth = d.modDepth;
-    f.freqDeviation = d.freqDeviation;
-    // Mean |I| of the displayed points beyond 80 % of the largest.
     double largest = 0.0, sum = 0.0;
     int count = 0;
     for (uint32_t i = 0; i < d.constLen; ++i) largest = std::max(largest, std::fabs(d.constI[i]));
@@ -76,25 +65,26 @@ TEST_P(EndToEnd, DecidesTheTransmittedSymbols) {
     const bool dense = order >= 128, psk = c.mode >= MOD_BPSK && c.mode <= MOD_8PSK;
     const bool qam = c.mode == MOD_16QAM || c.mode == MOD_32QAM || c.mode == MOD_64QAM;
     for (const Figures* f : {&low, &high}) {
+        const DisplayData& d = f->d;
         std::printf("mode %d sps %g: code %d EVM %.3f %% errors %ld/%ld depth %.4f dev %.0f\n",
-                    c.mode, c.sps, f->code, f->evmRms, f->match.errors, f->match.compared,
-                    f->modDepth, f->freqDeviation);
+                    c.mode, c.sps, f->code, double(d.evmRms), f->match.errors, f->match.compared,
+                    double(d.modDepth), double(d.freqDeviation));
         EXPECT_EQ(f->code, 0);
-        EXPECT_EQ(f->constLen, dense ? 2000u : 800u);
+        EXPECT_EQ(d.constLen, dense ? 2000u : 800u);
         // PSK and ASK report their symbol count in bitsLen.
-        const uint32_t decided = f->symbolsLen > 0 ? f->symbolsLen : f->bitsLen;
+        const uint32_t decided = d.symbolsLen > 0 ? d.symbolsLen : d.bitsLen;
         EXPECT_EQ(f->match.compared, dense ? 2000 : long(decided));
-        if (qam) {
-            EXPECT_EQ(f->bitsLen, 800u * B);
-        }
         if (psk || qam) {
             EXPECT_EQ(f->match.compared, 800);
+        }
+        if (qam) {
+            EXPECT_EQ(d.bitsLen, 800u * B);
         }
     }
     EXPECT_EQ(high.match.errors, 0);
     EXPECT_LE(low.match.errors, c.maxLowErrors);
     if (!dense) {
-        EXPECT_GT(low.evmRms, high.evmRms);
+        EXPECT_GT(double(low.d.evmRms), double(high.d.evmRms));
     }
     // The display divides the grid by (int)sqrt(M) - 1: the outer level lands
     // on 1 for 16 and 64 points and on 5/4 for the 32-point cross.
@@ -104,22 +94,21 @@ TEST_P(EndToEnd, DecidesTheTransmittedSymbols) {
     // Equal marks and spaces; ringing and noise keep the extreme fifths of
     // the envelope off 0 and 1.
     if (c.mode == MOD_ASK) {
-        EXPECT_GT(high.modDepth, 0.9);
-    }
-    if (c.mode == MOD_ASK) {
-        EXPECT_GT(low.modDepth, 0.8);
+        EXPECT_GT(double(high.d.modDepth), 0.9);
+        EXPECT_GT(double(low.d.modDepth), 0.8);
     }
     // The deviation is read on the matched-filtered trace at 4 Rb: a unit-
-    // energy RRC (DC gain about sqrt(sps)) makes D read about 4 D / sqrt(sps).
+    // energy RRC (DC gain about sqrt(sps)) makes D read about 4 D / sqrt(sps),
+    // within 4 % at 4 and 8 samples per symbol; at 16 the estimate reads the
+    // averaged outer tone up to 17 % high. Averaging twice the share of the
+    // largest values reads 7 to 9 % low at 4 and 8.
     const double reading = 4.0 * kDeviation / std::sqrt(c.sps);
     if (order > 0 && !psk && !qam && !dense && c.mode != MOD_ASK) {
-        EXPECT_NEAR(high.freqDeviation, reading, 0.2 * reading);
+        EXPECT_NEAR(double(high.d.freqDeviation), reading, (c.sps <= 8 ? 0.05 : 0.2) * reading);
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Families, EndToEnd,
-    ::testing::Values(
+INSTANTIATE_TEST_SUITE_P(Families, EndToEnd, ::testing::Values(
         // 0.5 % errors at 20 dB is far above the PSK symbol error rate there.
         Case{MOD_BPSK, 4, 20, 30, 4}, Case{MOD_QPSK, 8, 20, 30, 4}, Case{MOD_8PSK, 10, 20, 30, 4},
         Case{MOD_BPSK, 10, 20, 30, 4}, Case{MOD_8PSK, 4, 20, 30, 4},
@@ -141,11 +130,7 @@ class EveryMode : public ::testing::TestWithParam<int> {};
 
 TEST_P(EveryMode, FrontEndFiguresMatchTheAppliedImpairments) {
     const int mode = GetParam();
-    sg::Config cfg;
-    cfg.mode = mode;
-    cfg.Rb = 20000.0;
-    cfg.numSamples = 131072;
-    cfg.seed = 5;
+    sg::Config cfg = captureConfig(mode, 8.0, 131072, 5, 20000.0);
     cfg.carrierOffsetHz = 600.0;
     const bool analog = mode >= MOD_ANALOG_AM && mode <= MOD_ANALOG_I_B;
     (analog ? cfg.snrDb : cfg.esn0Db) = 30.0;
@@ -180,13 +165,9 @@ INSTANTIATE_TEST_SUITE_P(Codes, EveryMode, ::testing::Range(1, 19));
 // roll-off 0.2 keeps the signal inside the Nyquist band from 1.2 up.
 sg::Result slowCapture(int mode, double sps) {
     const int factor = sps < 2.0 ? static_cast<int>(std::ceil(2.0 / sps)) : 1;
-    sg::Config cfg;
-    cfg.mode = mode;
-    cfg.Rb = 10000.0;
-    cfg.sps = sps * factor;
+    const long samples = static_cast<long>(std::ceil(std::max(16384.0, 5000 * sps))) * factor;
+    sg::Config cfg = captureConfig(mode, sps * factor, samples, 21, 10000.0);
     cfg.rolloff = 0.2;
-    cfg.numSamples = static_cast<long>(std::ceil(std::max(16384.0, 5000 * sps))) * factor;
-    cfg.seed = 21;
     cfg.carrierOffsetHz = 120.0;
     cfg.esn0Db = 30.0;
     cfg.peak = 12000.0;

@@ -82,15 +82,8 @@ TEST_F(Entry, UnknownHandleAndNullPointers) {
 
 // Each row: the call, the code it returns, and whether it reached the chain.
 TEST_F(Entry, ValidationBoundaries) {
-    struct Row {
-        uint32_t len;
-        double rb;
-        uint32_t mode;
-        double fsIn, fsMin;
-        int code;
-        bool reached;
-    };
-    const Row rows[] = {
+    const struct { uint32_t len; double rb; uint32_t mode; double fsIn, fsMin; int code; bool reached; }
+        rows[] = {
         {16383, 1000, MOD_QPSK, 4000, 0, -1, false},   {320001, 1000, MOD_QPSK, 4000, 0, -1, false},
         {16383, 1000, MOD_ANALOG_PM, 4000, 0, -1, false}, {320001, 1000, 0, 4000, 0, -1, false},
         {16384, 1000, 19, 4000, 0, kAny, true},          {320000, 1000, MOD_BPSK, 4000, 0, kAny, true},
@@ -114,7 +107,7 @@ TEST_F(Entry, ValidationBoundaries) {
         {20000, kNan, MOD_ANALOG_AM, 4000, 0, 0, true}, {20000, 1000, MOD_QPSK, 4000, kNan, 0, true},
         {20000, 1000, MOD_QPSK, kInf, 0, -1, false},    {20000, kInf, MOD_QPSK, 4000, 0, -1, false},
     };
-    for (const Row& r : rows) {
+    for (const auto& r : rows) {
         SCOPED_TRACE(testing::Message() << r.len << " Rb " << r.rb << " mode " << r.mode << " fs "
                                         << r.fsIn << " fsMin " << r.fsMin);
         const int code = call(r.len, r.rb, r.mode, r.fsIn, r.fsMin);
@@ -142,9 +135,9 @@ TEST_F(Entry, RolloffOutsideOpenUnitIntervalDefaultsForDigitalOnly) {
     EXPECT_EQ(double(instanceCopy().Rb), 2500.0);
 }
 
-TEST_F(Entry, DebugCaptureIsWrittenForAcceptedAndRejectedCalls) {
+TEST_F(Entry, DebugCaptureIsWrittenForRejectedCallsToo) {
     ScratchDir dir;
-    std::vector<int16_t> I(16383 + 16384, 3), Q(16383 + 16384, 4);
+    std::vector<int16_t> I(16383), Q(16383);
     for (uint32_t k = 0; k < 16383; ++k) I[k] = int16_t(k), Q[k] = int16_t(-int(k) - 1);
     ExParamOut p = makeParam(1000, MOD_QPSK, 0.35, FILTER_RRC);
     // An unknown handle writes nothing.
@@ -154,25 +147,13 @@ TEST_F(Entry, DebugCaptureIsWrittenForAcceptedAndRejectedCalls) {
     EXPECT_EQ(readFile("./Vantrel_Parameter.txt"),
               "inLen = 16383, fsIn = 4000.000000, Rb = 1000.000000,mode =  5,filterType= 1,  "
               "init=1 \n");
-    std::string samples = readFile("./Vantrel_IQData.bin");
+    const std::string samples = readFile("./Vantrel_IQData.bin");
     ASSERT_EQ(samples.size(), 4u * 16383);
-    std::vector<int16_t> back(2 * 16383);
-    std::memcpy(back.data(), samples.data(), samples.size());
-    EXPECT_EQ(back[2 * 500], 500);
-    EXPECT_EQ(back[2 * 500 + 1], -501);
-    // A second, accepted call rewrites the text file and appends the samples.
-    ExParamOut p2 = makeParam(2000, MOD_ANALOG_AM, 0.5, FILTER_GAUSS);
-    EXPECT_EQ(VantrelExcute(handle, I.data() + 16383, Q.data() + 16383, 16384, &p2, false, true,
-                            &host.rec, 0, 48000), 0);
-    EXPECT_EQ(readFile("./Vantrel_Parameter.txt"),
-              "inLen = 16384, fsIn = 48000.000000, Rb = 2000.000000,mode =  10,filterType= 3,  "
-              "init=0 \n");
-    samples = readFile("./Vantrel_IQData.bin");
-    ASSERT_EQ(samples.size(), 4u * 16383 + 4u * 16384);
-    int16_t tail[2];
-    std::memcpy(tail, samples.data() + samples.size() - 4, 4);
-    EXPECT_EQ(tail[0], 3);
-    EXPECT_EQ(tail[1], 4);
+    int16_t pair[2];  // sample 500, interleaved I, Q
+    std::memcpy(pair, samples.data() + 4 * 500, sizeof pair);
+    EXPECT_TRUE(pair[0] == 500 && pair[1] == -501);
+    // An accepted call appends its samples and rewrites the text file; the
+    // analyzer's replay test reads both back.
 }
 
 // FSK and analog keep the captured rate; the other families are brought to
@@ -180,17 +161,13 @@ TEST_F(Entry, DebugCaptureIsWrittenForAcceptedAndRejectedCalls) {
 // (whose 1e-9 fraction for 3.5 writes 18729 values where ceil(n 4 / 3.5) is
 // 18728: the work buffer must hold them).
 TEST(FrontEndPipeline, RateChangeAndWorkBuffer) {
-    struct Row {
-        uint32_t mode, n;
-        double sps;
-        double fs, outLen;
-    };
-    const Row rows[] = {{MOD_2FSK, 20000, 10, 10000, 20000},   {MOD_ANALOG_AM, 20000, 10, 10000, 20000},
-                        {MOD_BPSK, 20000, 10, 4000, 8000},     {MOD_QPSK, 20000, 4, 4000, 20000},
-                        {MOD_QPSK, 16387, 3.5, 4000, 18729},   {MOD_QPSK, 20000, 1, 4000, 80000},
-                        {MOD_QPSK, 20000, 1.2, 4000, 20000 / 0.3}, {MOD_QPSK, 20000, 1.9, 4000, 20000 * 4 / 1.9},
-                        {MOD_QPSK, 20000, 2.5, 4000, 32000},   {MOD_QPSK, 20000, 3.9, 4000, 20000 * 4 / 3.9}};
-    for (const Row& r : rows) {
+    const struct { uint32_t mode, n; double sps, fs, outLen; } rows[] = {
+        {MOD_2FSK, 20000, 10, 10000, 20000},   {MOD_ANALOG_AM, 20000, 10, 10000, 20000},
+        {MOD_BPSK, 20000, 10, 4000, 8000},     {MOD_QPSK, 20000, 4, 4000, 20000},
+        {MOD_QPSK, 16387, 3.5, 4000, 18729},   {MOD_QPSK, 20000, 1, 4000, 80000},
+        {MOD_QPSK, 20000, 1.2, 4000, 20000 / 0.3}, {MOD_QPSK, 20000, 1.9, 4000, 20000 * 4 / 1.9},
+        {MOD_QPSK, 20000, 2.5, 4000, 32000},   {MOD_QPSK, 20000, 3.9, 4000, 20000 * 4 / 3.9}};
+    for (const auto& r : rows) {
         std::vector<int16_t> I(r.n), Q(r.n);
         for (size_t k = 0; k < r.n; ++k) I[k] = Q[k] = int16_t((k * 37) % 2001 - 1000);
         CommonFun fe;

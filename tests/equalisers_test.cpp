@@ -35,16 +35,14 @@ TEST(Cma, UnitCircleSymbolsPassThroughDelayed) {
         for (const int n : {200, L}) {
             std::vector<Complex> out(n + 1, Complex{-9.0, -9.0});
             int len = -1;
-            CommonFun cf;
-            cf.CMA_equlize(in.data(), n, 0.005, 1.0, L, out.data(), len);
+            CommonFun().CMA_equlize(in.data(), n, 0.005, 1.0, L, out.data(), len);
             ASSERT_EQ(len, n - L + 1) << "L " << L << " n " << n;
             for (int i = 0; i < len; ++i)
                 ASSERT_EQ(Complex_abs(Complex_sub(out[i], in[L - 1 + i - delay])), 0.0) << i;
             EXPECT_EQ(out[len].re, -9.0);
         }
         int len = -1;
-        CommonFun cf;
-        cf.CMA_equlize(in.data(), L - 1, 0.005, 1.0, L, nullptr, len);
+        CommonFun().CMA_equlize(in.data(), L - 1, 0.005, 1.0, L, nullptr, len);
         EXPECT_EQ(len, 0);
     }
 }
@@ -61,8 +59,7 @@ TEST(Cma, OpensTheEyeOfAnEchoChannel) {
     };
     std::vector<Complex> out(n);
     int len = 0;
-    CommonFun cf;
-    cf.CMA_equlize(in.data(), n, 0.005, 1.0, 10, out.data(), len);
+    CommonFun().CMA_equlize(in.data(), n, 0.005, 1.0, 10, out.data(), len);
     ASSERT_EQ(len, n - 9);
     EXPECT_LT(spread(out, len - 1000, len), 0.3 * spread(in, 0, n));
 }
@@ -79,12 +76,10 @@ TEST(FskEqualiser, RingLevelsPassThroughDelayed) {
     for (Complex& x : in) x = Complex{levels[rng() % 4], 0.0};
     for (const int n : {300, 8}) {
         std::vector<Complex> out(n + 1, Complex{-9.0, -9.0});
-        CommonFun cf;
-        cf.mcma_equalizeFORfsk(in.data(), n, 3, 0.005, out.data());  // taps forced to 9
+        CommonFun().mcma_equalizeFORfsk(in.data(), n, 3, 0.005, out.data());  // taps forced to 9
         for (int k = 0; k < n; ++k) {
             const Complex want = k < 8 ? in[k] : in[k - 4];
-            ASSERT_EQ(out[k].re, want.re) << "n " << n << " k " << k;
-            ASSERT_EQ(out[k].im, want.im) << "n " << n << " k " << k;
+            ASSERT_TRUE(out[k].re == want.re && out[k].im == want.im) << "n " << n << " k " << k;
         }
         EXPECT_EQ(out[n].re, -9.0);
     }
@@ -95,8 +90,7 @@ TEST(FskEqualiser, RingLevelsPassThroughDelayed) {
 TEST(FskEqualiser, ModulusTwoIsPulledToTheOuterRing) {
     const std::vector<Complex> in(20, Complex{2.0, 0.0});
     std::vector<Complex> out(20);
-    CommonFun cf;
-    cf.mcma_equalizeFORfsk(in.data(), 20, 9, 0.005, out.data());
+    CommonFun().mcma_equalizeFORfsk(in.data(), 20, 9, 0.005, out.data());
     EXPECT_EQ(out[8].re, 2.0);
     EXPECT_GT(out[9].re, 2.0);
 }

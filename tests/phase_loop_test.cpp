@@ -48,8 +48,7 @@ TEST_P(PhaseLookPulls, OntoTheReferencePhases) {
     EXPECT_LT(std::fabs(meanErr), 0.01) << "final phase error " << meanErr;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Rotations, PhaseLookPulls,
+INSTANTIATE_TEST_SUITE_P(Rotations, PhaseLookPulls,
     ::testing::Values(PullCase{4, 0.3, 0.0, kPi / 4}, PullCase{4, 2.0, 0.001, kPi / 4},
                       PullCase{8, -0.1, -0.002, kPi / 8}, PullCase{2, 0.5, 0.0, 0.0},
                       PullCase{2, -1.2, 0.001, 0.0}));
@@ -73,17 +72,6 @@ TEST(PhaseLook, ThirtyTwoPointsUseFixedGainsAndPullTheRotationOut) {
     ASSERT_EQ(l1, n);
     for (int i = 0; i < n; ++i) ASSERT_EQ(o1[i].re, o2[i].re) << i;
     EXPECT_NEAR(cf1.phaseAcc, 0.05, 0.01);
-}
-
-TEST(Discriminators, SectorBoundariesBelongToTheSectorTheyOpen) {
-    CommonFun cf;
-    // PSK: 0 and pi/2 open sectors 0 and 1 (centres pi/4, 3 pi/4).
-    EXPECT_NEAR(cf.Discriminator_PSK(0.0, 4), 0.2 * std::sin(-kPi / 4), 1e-15);
-    EXPECT_NEAR(cf.Discriminator_PSK(kPi / 2, 4), 0.2 * std::sin(-kPi / 4), 1e-15);
-    EXPECT_NEAR(cf.Discriminator_PSK(-0.1, 8), 0.2 * std::sin(kPi / 8 - 0.1), 1e-14);
-    // BPSK: pi/2 opens the reference pi; 2 pi - 0.25 belongs to 0.
-    EXPECT_NEAR(cf.Discriminator_BPSK(kPi / 2, 2), std::sin(-kPi / 2), 1e-15);
-    EXPECT_NEAR(cf.Discriminator_BPSK(2 * kPi - 0.25, 2), std::sin(-0.25), 1e-14);
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "CommonFun.h"
-#include "test_support.h"
 
 namespace {
 
@@ -19,15 +18,10 @@ struct Decided {
 
 Decided decide(const std::vector<Complex>& x, int M) {
     const int n = static_cast<int>(x.size());
-    Decided d;
-    d.symbols.assign(n, -1);
-    d.bits.assign(n * 3 + 1, -1);
-    d.evm.assign(n, -1);
-    d.mag.assign(n, -1);
-    d.phase.assign(n, -1);
-    CommonFun cf;
-    cf.symbolDecisionForPSK(x.data(), n, M, d.symbols.data(), d.bits.data(), &d.bitCount,
-                            d.evm.data(), d.mag.data(), d.phase.data());
+    Decided d{std::vector<int>(n, -1), std::vector<int>(n * 3 + 1, -1), std::vector<double>(n, -1),
+              std::vector<double>(n, -1), std::vector<double>(n, -1)};
+    CommonFun().symbolDecisionForPSK(x.data(), n, M, d.symbols.data(), d.bits.data(), &d.bitCount,
+                                     d.evm.data(), d.mag.data(), d.phase.data());
     return d;
 }
 
@@ -83,39 +77,5 @@ TEST(PskDecisions, ErrorsAreMeasuredAgainstTheSectorMeans) {
     const Decided e = decide({polar(0.5, kPi / 4 - 0.1), polar(0.5, kPi / 4 + 0.1)}, 4);
     EXPECT_NEAR(e.evm[0], 0.5 * std::sin(0.1) * 100, 1e-12);
 }
-
-struct ScaleCase {
-    uint32_t mode;
-    double radius;
-    double fraction;
-};
-
-class NormStar : public ::testing::TestWithParam<ScaleCase> {};
-
-// The mean of the largest share of magnitudes lands on the outer radius, by
-// pure scaling (in place).
-TEST_P(NormStar, LargestShareAveragesToTheTarget) {
-    const ScaleCase c = GetParam();
-    const int n = 64;
-    std::vector<Complex> x(n);
-    for (int i = 0; i < n; ++i) x[i] = polar(0.1 + 0.05 * i, 0.37 * i);
-    std::vector<Complex> y = x;
-    CommonFun cf;
-    cf.normStar(y.data(), n, makeParam(1000.0, c.mode), y.data());
-    const int count = std::max(1, static_cast<int>(n * c.fraction));
-    double sum = 0.0;
-    for (int i = n - count; i < n; ++i) sum += Complex_abs(y[i]);
-    EXPECT_NEAR(sum / count, c.radius, 1e-12);
-    const double gain = Complex_abs(y[0]) / Complex_abs(x[0]);
-    for (int i = 0; i < n; ++i) EXPECT_NEAR(y[i].re, x[i].re * gain, 1e-12);
-}
-
-INSTANTIATE_TEST_SUITE_P(Modes, NormStar,
-                         ::testing::Values(ScaleCase{MOD_QPSK, 1.0, 1.0},
-                                           ScaleCase{MOD_16QAM, 3 * std::sqrt(2.0), 0.25},
-                                           ScaleCase{MOD_64QAM, 7 * std::sqrt(2.0), 0.0625},
-                                           ScaleCase{MOD_128QAM, 13.0384, 0.0625},
-                                           ScaleCase{MOD_256QAM, 21.2132, 0.015625},
-                                           ScaleCase{MOD_32QAM, 5.831, 0.25}));
 
 }  // namespace

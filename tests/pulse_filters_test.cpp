@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "CommonFun.h"
+#include "test_support.h"
 
 namespace {
 
@@ -56,15 +57,15 @@ TEST(RaisedCosine, UnitEnergySymmetricAndMatchesClosedForm) {
             ref[i] = shape[0] == 's' ? rrc_reference(beta, t) : rc_reference(beta, t);
             energy += ref[i] * ref[i];
         }
+        SCOPED_TRACE(testing::Message() << shape << " " << beta);
         double sum2 = 0;
         for (int i = 0; i < len; ++i) {
-            ASSERT_EQ(h[i], h[len - 1 - i]) << shape << " " << beta << " tap " << i;
+            ASSERT_EQ(h[i], h[len - 1 - i]) << "tap " << i;
             // Float taps: a few 1e-8 of rounding.
-            ASSERT_NEAR(h[i], static_cast<double>(ref[i] / std::sqrt(energy)), 2e-7)
-                << shape << " " << beta << " tap " << i;
+            ASSERT_NEAR(h[i], static_cast<double>(ref[i] / std::sqrt(energy)), 2e-7) << "tap " << i;
             sum2 += static_cast<double>(h[i]) * h[i];
         }
-        EXPECT_NEAR(sum2, 1.0, 1e-6) << shape << " " << beta;
+        EXPECT_NEAR(sum2, 1.0, 1e-6);
     }
 }
 
@@ -85,14 +86,6 @@ TEST(Gaussian, UnitSumAndMatchesClosedForm) {
     EXPECT_NEAR(sum, 1.0, 1e-6);
 }
 
-ExParamOut make_param(uint32_t filterType) {
-    ExParamOut p{};
-    p.Rb = 1000.0;
-    p.rolloff = 0.35;
-    p.filterType = filterType;
-    return p;
-}
-
 // Output length n - L + 1 with sps = floor(4.7) = 4, so L = 49 for RRC, RC and
 // Gaussian and 5 for rectangular and half-sine; 0 for unknown codes and for
 // blocks shorter than the filter, and nothing written past the output. A ramp
@@ -105,14 +98,14 @@ TEST(MatchFilter, OutputLengthFollowsTheFilter) {
             std::vector<Complex> in(n + 1), out(n + 1, Complex{-5.0, -5.0});
             for (int i = 0; i <= n; ++i) in[i] = Complex{static_cast<double>(i), 0.0};
             int outLen = -1;
-            CommonFun().matchFilter(in.data(), n, 4700.0, make_param(type), out.data(), outLen);
+            CommonFun().matchFilter(in.data(), n, 4700.0, makeParam(1000.0, 0, 0.35, type), out.data(), outLen);
             const int expected = filterLen > 0 && n >= filterLen ? n - filterLen + 1 : 0;
-            EXPECT_EQ(outLen, expected) << "type " << type << " n " << n;
-            EXPECT_EQ(out[expected].re, -5.0) << "type " << type << " n " << n;
+            SCOPED_TRACE(testing::Message() << "type " << type << " n " << n);
+            EXPECT_EQ(outLen, expected);
+            EXPECT_EQ(out[expected].re, -5.0);
             // A ramp through a symmetric filter of sum s gives s (i + delay).
             if (expected < 2) continue;
-            EXPECT_NEAR(out[0].re / (out[1].re - out[0].re), (filterLen - 1) / 2.0, 1e-9)
-                << "type " << type << " n " << n;
+            EXPECT_NEAR(out[0].re / (out[1].re - out[0].re), (filterLen - 1) / 2.0, 1e-9);
         }
     }
 }

@@ -20,15 +20,10 @@ struct Decided {
 // Output arrays pre-filled with -1 so that untouched entries show.
 Decided decide(const std::vector<Complex>& x, int order) {
     const int n = static_cast<int>(x.size());
-    Decided d;
-    d.symbols.assign(n, -1);
-    d.bits.assign(n * 8 + 1, -1);
-    d.evm.assign(n, -1);
-    d.mag.assign(n, -1);
-    d.phase.assign(n, -1);
-    CommonFun cf;
-    cf.symbolDecisionForQAM(x.data(), n, order, d.symbols.data(), d.bits.data(), &d.bitCount,
-                            d.evm.data(), d.mag.data(), d.phase.data(), d.phaseOffset);
+    Decided d{std::vector<int>(n, -1), std::vector<int>(n * 8 + 1, -1), std::vector<double>(n, -1),
+              std::vector<double>(n, -1), std::vector<double>(n, -1)};
+    CommonFun().symbolDecisionForQAM(x.data(), n, order, d.symbols.data(), d.bits.data(), &d.bitCount,
+                                     d.evm.data(), d.mag.data(), d.phase.data(), d.phaseOffset);
     return d;
 }
 
@@ -58,9 +53,7 @@ TEST_P(QamRoundTrip, EveryGridPointDecidesToItsLabel) {
     for (int s = 0; s < order; ++s) {
         EXPECT_EQ(d.symbols[s], s);
         for (int k = 0; k < B; ++k) EXPECT_EQ(d.bits[s * B + k], truth.bits[s][k]) << s;
-        EXPECT_EQ(d.evm[s], 0.0);
-        EXPECT_EQ(d.mag[s], 0.0);
-        EXPECT_EQ(d.phase[s], 0.0);
+        EXPECT_TRUE(d.evm[s] == 0.0 && d.mag[s] == 0.0 && d.phase[s] == 0.0) << s;
     }
     EXPECT_EQ(d.phaseOffset, 0.0);
 }
@@ -72,21 +65,14 @@ INSTANTIATE_TEST_SUITE_P(AllOrders, QamRoundTrip,
 // Points exactly on thresholds, where a strict and an inclusive comparison
 // decide differently; each row worked out by hand from the labelling rules.
 TEST(QamDecisions, ThresholdsKeepTheirStrictness) {
-    struct Row {
-        int order;
-        Complex p;
-        int symbol;
-    };
-    const Row rows[] = {
+    const struct { int order; Complex p; int symbol; } rows[] = {
         {16, {0, 0}, 5},     // I = 0 negative, Q = 0 positive: bits 1 0 1 0
         {32, {2, 4}, 20},    // |I| >= 2 and |Q| <= 4 inclusive, |Q| < 4 strict
         {64, {6, 2}, 43},    // 2 <= |Q| and |I| <= 6 inclusive
         {128, {2, 2}, 98},   // 2 < |.| strict
         {256, {-4, 4}, 85},  // 4 < |.| strict, 2 <= |.| <= 6 inclusive
     };
-    for (const Row& r : rows) {
-        EXPECT_EQ(decide({r.p}, r.order).symbols[0], r.symbol) << r.order;
-    }
+    for (const auto& r : rows) EXPECT_EQ(decide({r.p}, r.order).symbols[0], r.symbol) << r.order;
 }
 
 // Corners alone: labels 0, 8, 2, 10 and the reference amplitude R = 3 sqrt 2,

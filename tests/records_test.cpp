@@ -11,14 +11,10 @@ TEST(Records, InitDisplayClearsCountsAndScalarsButKeepsPointersAndIqFigures) {
     std::memset(&d, 0x5A, sizeof d);  // every byte non-zero
     double buffer[4];
     d.eye = buffer;
-    d.iqOffset = 12.5;
-    d.iqGainRatio = 1.25;
-    d.quadError = -0.5;
+    d.iqOffset = 12.5, d.iqGainRatio = 1.25, d.quadError = -0.5;
     initDisplay(&d);
     EXPECT_EQ(d.eye, buffer);
-    EXPECT_EQ(double(d.iqOffset), 12.5);
-    EXPECT_EQ(double(d.iqGainRatio), 1.25);
-    EXPECT_EQ(double(d.quadError), -0.5);
+    EXPECT_TRUE(d.iqOffset == 12.5 && d.iqGainRatio == 1.25 && d.quadError == -0.5);
     for (uint32_t len : {d.eyeLen, d.constLen, d.bitsLen, d.symbolsLen, d.evmLen,
                          d.phaseErrLen, d.magErrLen, d.phaseTraceLen, d.freqTraceLen,
                          d.envTraceLen, d.iTraceLen, d.shiftedIQLen})

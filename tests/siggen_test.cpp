@@ -13,8 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "siggen.h"
-#include "test_support.h"
+#include "capture_runner.h"
 
 namespace sg = vantrel::siggen;
 using Cplx = std::complex<double>;
@@ -23,15 +22,6 @@ namespace {
 
 Cplx sampleAt(const sg::Result& r, long n) { return {double(r.I[n]), double(r.Q[n])}; }
 
-sg::Config digital(int mode, double sps, int filter = sg::kRC) {
-    sg::Config c;
-    c.mode = mode;
-    c.sps = sps;
-    c.filterType = filter;
-    c.numSymbols = 1200;
-    c.seed = 7;
-    return c;
-}
 
 }  // namespace
 
@@ -40,8 +30,7 @@ sg::Config digital(int mode, double sps, int filter = sg::kRC) {
 TEST(SiggenNoise, RequestedEsN0AndSnrAreWhatTheSamplesShow) {
     struct Case { int mode; double sps, db; bool esn0; };
     for (const Case nc : {Case{5, 8, 10, true}, Case{7, 5.5, 20, true}, Case{4, 8, 6, false}}) {
-        sg::Config c = digital(nc.mode, nc.sps, sg::kRRC);
-        c.numSamples = 200000;
+        sg::Config c = captureConfig(nc.mode, nc.sps, 200000, 7);
         c.carrierOffsetHz = 1234.5;
         const sg::Result clean = sg::generate(c);
         (nc.esn0 ? c.esn0Db : c.snrDb) = nc.db;

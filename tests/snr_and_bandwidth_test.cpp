@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "CommonFun.h"
-#include "siggen.h"
+#include "capture_runner.h"
 
 namespace {
 
@@ -54,13 +54,9 @@ Snr snr(const std::vector<Complex>& x, double fs, ModType family, double Rb, int
 // signal. The three symbol-rate families share the rule.
 TEST(CalcSNR, QpskReportsEsN0LessThreeDecibels) {
     for (const auto& c : {std::pair<double, double>{0.0, 0.6}, {10.0, 0.3}, {30.0, 0.3}}) {
-        sg::Config cfg;
-        cfg.mode = MOD_QPSK;
-        cfg.sps = 4;
+        sg::Config cfg = captureConfig(MOD_QPSK, 4, kLen, 7 + static_cast<unsigned>(c.first));
         cfg.span = 32;
-        cfg.numSamples = kLen;
         cfg.esn0Db = c.first;
-        cfg.seed = 7 + static_cast<unsigned>(c.first);
         const auto x = baseband(sg::generate(cfg));
         for (ModType fam : {MT_PSK, MT_QAM, MT_ASK}) {
             const Snr r = snr(x, 4 * cfg.Rb, fam, cfg.Rb);
@@ -90,13 +86,9 @@ TEST(CalcSNR, SymbolRateBandEdgesAreInclusive) {
 // rule.
 TEST(CalcSNR, FskBandCoversTheTwoTones) {
     for (double snrDb : {5.0, 10.0}) {
-        sg::Config cfg;
-        cfg.mode = MOD_2FSK;
-        cfg.Rb = 2000.0;
-        cfg.sps = 20;
+        sg::Config cfg = captureConfig(MOD_2FSK, 20, kLen, 1, 2000.0);
         cfg.filterType = sg::kRect;
         cfg.fskDeviationHz = 4000.0;
-        cfg.numSamples = kLen;
         cfg.snrDb = snrDb;
         const sg::Result g = sg::generate(cfg);
         const auto x = baseband(g);

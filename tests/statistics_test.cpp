@@ -50,8 +50,7 @@ TEST(LastSymbolStatistics, GatesSpansAndFamilies) {
         // s = 1200 lies past both arrays: no terms. The phase extremes keep
         // their starting values -1e30 and 1e30, a magnitude tie that goes to
         // the minimum: a peak of 1e30.
-        {MT_PSK, 2000, 1000, 1000, 1, 0, 0, 0, 1e30},
-    };
+        {MT_PSK, 2000, 1000, 1000, 1, 0, 0, 0, 1e30}};
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.fam << " " << c.evm << "/" << c.mag << "/" << c.phase);
         const DisplayData s = summarise(c.fam, c.evm, c.mag, c.phase);

@@ -2,9 +2,11 @@
 // arrays, and a scratch directory for tests that write the debug files.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -12,87 +14,90 @@
 
 // A DisplayData whose arrays are owned by the test, each followed by guard
 // values so that a write past its capacity is detected. The record is
-// packed, so its pointer fields are only ever assigned and compared by name.
+// packed, so its pointer fields are reached through their byte offsets and
+// copied, never dereferenced as members.
 class HostRecord {
 public:
     static constexpr double kGuard = -123456.75;
     static constexpr uint32_t kGuardU = 0xDEADBEEFu;
     static constexpr size_t kGuardCount = 16;
+    // The record's arrays: eleven of doubles, then the two of words.
+    enum Array { kEye, kConstI, kConstQ, kEvm, kPhaseErr, kMagErr, kPhaseTrace, kFreqTrace,
+                 kEnvTrace, kITrace, kShiftedIQ, kBits, kSymbols, kArrays };
 
     // Every array holds `capacity` values (shiftedIQ twice as many).
-    explicit HostRecord(size_t capacity = 400000)
-        : HostRecord({capacity, capacity, capacity, capacity, capacity, capacity, capacity,
-                      capacity, capacity, capacity, 2 * capacity},
-                     capacity, capacity) {}
+    explicit HostRecord(size_t capacity = 400000) {
+        const size_t c = capacity;
+        init({c, c, c, c, c, c, c, c, c, c, 2 * c, c, c});
+    }
 
     // Every array holds exactly the capacity the public header publishes for
     // a block of inLen samples analysed as `mode`.
-    HostRecord(uint32_t inLen, uint32_t mode)
-        : HostRecord(publishedCapacities(inLen, mode), vantrel_capacity_bits(inLen, mode),
-                     vantrel_capacity_symbols(inLen, mode)) {}
+    HostRecord(uint32_t inLen, uint32_t mode) {
+        const size_t pts = vantrel_capacity_constellation(mode);
+        const size_t sym = vantrel_capacity_symbols(inLen, mode);
+        const size_t trace = vantrel_capacity_trace(inLen, mode);
+        init({vantrel_capacity_eye(inLen, mode), pts, pts, sym, sym, sym, trace, trace, trace,
+              trace, vantrel_capacity_shifted_iq(inLen, mode), vantrel_capacity_bits(inLen, mode),
+              sym});
+    }
 
     HostRecord(const HostRecord&) = delete;
     HostRecord& operator=(const HostRecord&) = delete;
 
     // True when no array pointer was replaced and every guard is intact.
     bool intact() const {
-        const double* now[kArrays] = {rec.eye,        rec.constI,    rec.constQ,   rec.evm,
-                                      rec.phaseErr,   rec.magErr,    rec.phaseTrace,
-                                      rec.freqTrace,  rec.envTrace,  rec.iTrace,   rec.shiftedIQ};
-        for (size_t a = 0; a < kArrays; ++a) {
-            if (now[a] != doubles_[a].data() || !guarded(doubles_[a], caps_[a], kGuard))
-                return false;
-        }
-        return rec.bits == bits_.data() && rec.symbols == symbols_.data() &&
-               guarded(bits_, bitsCap_, kGuardU) && guarded(symbols_, symbolsCap_, kGuardU);
-    }
-
-    DisplayData rec;
-
-private:
-    static constexpr size_t kArrays = 11;
-    using Caps = std::array<size_t, kArrays>;
-
-    static Caps publishedCapacities(uint32_t inLen, uint32_t mode) {
-        const size_t pts = vantrel_capacity_constellation(mode);
-        const size_t sym = vantrel_capacity_symbols(inLen, mode);
-        const size_t trace = vantrel_capacity_trace(inLen, mode);
-        return {vantrel_capacity_eye(inLen, mode), pts, pts, sym, sym, sym, trace, trace, trace,
-                trace, vantrel_capacity_shifted_iq(inLen, mode)};
-    }
-
-    HostRecord(const Caps& caps, size_t bitsCap, size_t symbolsCap)
-        : caps_(caps), bitsCap_(bitsCap), symbolsCap_(symbolsCap) {
-        for (size_t a = 0; a < kArrays; ++a) doubles_[a].assign(caps[a] + kGuardCount, kGuard);
-        bits_.assign(bitsCap + kGuardCount, kGuardU);
-        symbols_.assign(symbolsCap + kGuardCount, kGuardU);
-        rec = DisplayData{};
-        rec.eye = doubles_[0].data();
-        rec.constI = doubles_[1].data();
-        rec.constQ = doubles_[2].data();
-        rec.evm = doubles_[3].data();
-        rec.phaseErr = doubles_[4].data();
-        rec.magErr = doubles_[5].data();
-        rec.phaseTrace = doubles_[6].data();
-        rec.freqTrace = doubles_[7].data();
-        rec.envTrace = doubles_[8].data();
-        rec.iTrace = doubles_[9].data();
-        rec.shiftedIQ = doubles_[10].data();
-        rec.bits = bits_.data();
-        rec.symbols = symbols_.data();
-    }
-
-    template <class T>
-    static bool guarded(const std::vector<T>& v, size_t from, T guard) {
-        for (size_t i = from; i < v.size(); ++i)
-            if (v[i] != guard) return false;
+        for (int a = 0; a < kArrays; ++a)
+            if (pointer(a) != base(a) || !unchanged(a, caps_[a])) return false;
         return true;
     }
+    // True when the call wrote anything into array a (all of it was guard).
+    bool written(int a) const { return !unchanged(a, 0); }
+    void setPointer(int a, const void* p) {
+        std::memcpy(reinterpret_cast<char*>(&rec) + kOffsets[a], &p, sizeof p);
+    }
 
-    Caps caps_;
-    size_t bitsCap_, symbolsCap_;
-    std::vector<double> doubles_[kArrays];
-    std::vector<uint32_t> bits_, symbols_;
+    DisplayData rec{};
+
+private:
+    static constexpr size_t kOffsets[kArrays] = {
+        offsetof(DisplayData, eye),        offsetof(DisplayData, constI),
+        offsetof(DisplayData, constQ),     offsetof(DisplayData, evm),
+        offsetof(DisplayData, phaseErr),   offsetof(DisplayData, magErr),
+        offsetof(DisplayData, phaseTrace), offsetof(DisplayData, freqTrace),
+        offsetof(DisplayData, envTrace),   offsetof(DisplayData, iTrace),
+        offsetof(DisplayData, shiftedIQ),  offsetof(DisplayData, bits),
+        offsetof(DisplayData, symbols)};
+
+    void init(const std::array<size_t, kArrays>& caps) {
+        caps_ = caps;
+        for (int a = 0; a < kArrays; ++a) {
+            if (a < kBits)
+                doubles_[a].assign(caps[a] + kGuardCount, kGuard);
+            else
+                words_[a - kBits].assign(caps[a] + kGuardCount, kGuardU);
+            setPointer(a, base(a));
+        }
+    }
+    const void* base(int a) const {
+        return a < kBits ? static_cast<const void*>(doubles_[a].data()) : words_[a - kBits].data();
+    }
+    const void* pointer(int a) const {
+        const void* p;
+        std::memcpy(&p, reinterpret_cast<const char*>(&rec) + kOffsets[a], sizeof p);
+        return p;
+    }
+    bool unchanged(int a, size_t from) const {
+        if (a < kBits)
+            return std::all_of(doubles_[a].begin() + from, doubles_[a].end(),
+                               [](double v) { return v == kGuard; });
+        const std::vector<uint32_t>& w = words_[a - kBits];
+        return std::all_of(w.begin() + from, w.end(), [](uint32_t v) { return v == kGuardU; });
+    }
+
+    std::array<size_t, kArrays> caps_{};
+    std::vector<double> doubles_[kBits];
+    std::vector<uint32_t> words_[2];
 };
 
 inline ExParamOut makeParam(double rb, uint32_t mode, double rolloff = 0.35,

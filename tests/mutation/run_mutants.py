@@ -15,32 +15,23 @@ ROOT = os.path.abspath(os.path.join(os.path.dirname(__file__), "..", ".."))
 
 
 def load_faults(path):
-    faults = []
     with open(path) as f:
-        for line in f:
-            line = line.rstrip("\n")
-            if not line or line.startswith("#"):
-                continue
-            fid, file, search, replace, what = line.split("\t")
-            unesc = lambda s: s.replace("\\n", "\n")
-            faults.append((fid, file, unesc(search), unesc(replace), what))
-    return faults
+        rows = [l.rstrip("\n").split("\t") for l in f if l.strip() and not l.startswith("#")]
+    return [(fid, file, s.replace("\\n", "\n"), r.replace("\\n", "\n"), what)
+            for fid, file, s, r, what in rows]
 
 
 def build(bdir):
-    r = subprocess.run(["cmake", "--build", bdir, "--target", "vantrel_tests", "-j2"],
-                       stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
-    return r.returncode == 0
+    return subprocess.run(["cmake", "--build", bdir, "--target", "vantrel_tests", "-j2"],
+                          stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode == 0
 
 
 def run_tests(bdir, shards, timeout, gfilter, fast):
     exe = os.path.join(bdir, "tests", "vantrel_tests")
-    procs = []
-    for i in range(shards):
-        env = dict(os.environ, GTEST_TOTAL_SHARDS=str(shards), GTEST_SHARD_INDEX=str(i))
-        procs.append(subprocess.Popen([exe, "--gtest_brief=1", "--gtest_filter=" + gfilter] + (["--gtest_fail_fast"] if fast else []), env=env, cwd=bdir,
-                                      stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                                      text=True))
+    args = [exe, "--gtest_brief=1", "--gtest_filter=" + gfilter] + (["--gtest_fail_fast"] if fast else [])
+    procs = [subprocess.Popen(args, cwd=bdir, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                              env=dict(os.environ, GTEST_TOTAL_SHARDS=str(shards), GTEST_SHARD_INDEX=str(i)))
+             for i in range(shards)]
     failed, status = set(), "ok"
     deadline = time.time() + timeout
     for p in procs:

@@ -8,8 +8,7 @@
 #include <cstring>
 #include <vector>
 
-#include "siggen.h"
-#include "../test_support.h"
+#include "../capture_runner.h"
 
 namespace reliability {
 
@@ -18,18 +17,11 @@ constexpr int kLastCode = 18;
 constexpr uint32_t kSamples = 16384;
 
 inline vantrel::siggen::Result captureOf(int mode) {
-    vantrel::siggen::Config cfg;
-    cfg.mode = mode;
-    cfg.Rb = 12500.0;  // fs = 50 kHz: room for the analog tone and deviation
-    cfg.sps = 4.0;
-    cfg.numSamples = kSamples;
-    cfg.seed = 100 + static_cast<uint64_t>(mode);
+    // fs = 50 kHz: room for the analog tone and deviation.
+    vantrel::siggen::Config cfg = captureConfig(mode, 4.0, kSamples, 100 + static_cast<uint64_t>(mode), 12500.0);
     cfg.carrierOffsetHz = 150.0;
     cfg.carrierPhase = 0.3;
-    if (vantrel_is_analog(static_cast<uint32_t>(mode)))
-        cfg.snrDb = 30.0;
-    else
-        cfg.esn0Db = 30.0;
+    (vantrel_is_analog(static_cast<uint32_t>(mode)) ? cfg.snrDb : cfg.esn0Db) = 30.0;
     cfg.peak = 12000.0;
     return vantrel::siggen::generate(cfg);
 }
@@ -52,27 +44,22 @@ inline std::vector<uint64_t> snapshot(const DisplayData& r) {
         std::memcpy(&u, &v, sizeof u);
         s.push_back(u);
     };
-    auto doubles = [&](const double* a, uint32_t n) {
+    // The record is packed: its fields are copied by value, never bound to
+    // references.
+    const struct { const double* a; uint32_t n; } arrays[] = {
+        {r.eye, r.eyeLen},           {r.constI, r.constLen},         {r.constQ, r.constLen},
+        {r.evm, r.evmLen},           {r.phaseErr, r.phaseErrLen},    {r.magErr, r.magErrLen},
+        {r.phaseTrace, r.phaseTraceLen}, {r.freqTrace, r.freqTraceLen}, {r.envTrace, r.envTraceLen},
+        {r.iTrace, r.iTraceLen},     {r.shiftedIQ, r.shiftedIQLen}};
+    for (const auto& [a, n] : arrays) {
         s.push_back(n);
         for (uint32_t i = 0; i < n; ++i) word(a[i]);
-    };
-    auto words = [&](const uint32_t* a, uint32_t n) {
+    }
+    const struct { const uint32_t* a; uint32_t n; } words[] = {{r.bits, r.bitsLen}, {r.symbols, r.symbolsLen}};
+    for (const auto& [a, n] : words) {
         s.push_back(n);
-        for (uint32_t i = 0; i < n; ++i) s.push_back(a[i]);
-    };
-    doubles(r.eye, r.eyeLen);
-    doubles(r.constI, r.constLen);
-    doubles(r.constQ, r.constLen);
-    words(r.bits, r.bitsLen);
-    words(r.symbols, r.symbolsLen);
-    doubles(r.evm, r.evmLen);
-    doubles(r.phaseErr, r.phaseErrLen);
-    doubles(r.magErr, r.magErrLen);
-    doubles(r.phaseTrace, r.phaseTraceLen);
-    doubles(r.freqTrace, r.freqTraceLen);
-    doubles(r.envTrace, r.envTraceLen);
-    doubles(r.iTrace, r.iTraceLen);
-    doubles(r.shiftedIQ, r.shiftedIQLen);
+        s.insert(s.end(), a, a + n);
+    }
     const double scalars[] = {r.evmRms,      r.evmPeak,   r.phaseErrRms, r.phaseErrPeak,
                               r.magErrRms,   r.magErrPeak, r.amDepth,    r.fmPeakDev,
                               r.freqOffset,  r.peakLevel,  r.modDepth,   r.freqDeviation,
