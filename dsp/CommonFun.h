@@ -55,6 +55,11 @@ public:
                   int* out_len);
     void FarrowInterp(const Complex* in, int n, double fs_out, double fs_in, Complex* out,
                       int* out_len);
+    // correctDF then FarrowInterp on a fresh interpolator, for a whole number
+    // `factor` of input samples per output; mixes only what the outputs need
+    // and the mixed samples out[count .. keep).
+    void correctDFDecimated(const short* I, const short* Q, int n, double fs, int df,
+                            int factor, int keep, Complex* out, int* out_len);
 
     // ---- pulse-shaping and matched filters ----
     void rcosdesignForC(double beta, int span, int sps, const char* shape, float* h, int* len);

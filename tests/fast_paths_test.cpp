@@ -279,6 +279,52 @@ TEST(FastPaths, Conv2MatchesPlainLoop) {
     }
 }
 
+// Mixer and whole-step interpolator in one pass against the two stages run in
+// turn, as the front end runs them (interpolated samples copied over the start
+// of the mixed block): outputs, the mixed samples up to `keep`, the count and
+// both stages' state. Zero samples force the full weighted sum; an infinite
+// phase step makes every sample NaN.
+TEST(FastPaths, MixAndWholeStepInterpolationMatchTwoStages) {
+    std::mt19937 rng(13);
+    std::uniform_int_distribution<int> u(-32768, 32767);
+    for (int factor : {1, 2, 3, 4, 8, 16}) {
+        for (int n : {1, 2, 3, 4, 5, 18, 1001, 4099}) {
+            for (int variant = 0; variant < 4; ++variant) {
+                const double fsOut = variant == 3 ? 1e-305 : 1e5;
+                const double fs = fsOut * factor;
+                ASSERT_EQ(fs / fsOut, factor);
+                const int df = variant == 0 ? 0 : (variant == 1 ? 1234 : -310);
+                const int keep = (n / factor + n) / 2 + variant;
+                std::vector<short> I(static_cast<size_t>(n)), Q(I.size());
+                for (int i = 0; i < n; ++i) {
+                    I[i] = static_cast<short>(i % 5 == 2 ? 0 : u(rng));
+                    Q[i] = static_cast<short>(i % 7 == 3 ? 0 : u(rng));
+                }
+                CommonFun ref, fast;
+                ref.mixerPhase = fast.mixerPhase = variant == 2 ? 12345.678 : 0.0;
+                std::vector<Complex> want(I.size() + 1), spare(want.size()), got(want.size());
+                ref.correctDF(I.data(), Q.data(), n, fs, df, want.data());
+                int wl = -1, gl = -1;
+                ref.FarrowInterp(want.data(), n, fsOut, fs, spare.data(), &wl);
+                std::copy(spare.begin(), spare.begin() + wl, want.begin());
+                fast.correctDFDecimated(I.data(), Q.data(), n, fs, df, factor, keep, got.data(),
+                                        &gl);
+                ASSERT_EQ(gl, wl) << factor << " " << n;
+                const size_t upTo = static_cast<size_t>(std::max(wl, std::min(keep, n)));
+                EXPECT_EQ(std::memcmp(got.data(), want.data(), upTo * sizeof(Complex)), 0)
+                    << "factor " << factor << " n " << n << " variant " << variant;
+                EXPECT_EQ(std::memcmp(fast.farrowHistory, ref.farrowHistory,
+                                      sizeof ref.farrowHistory), 0);
+                const double fd[] = {fast.mixerPhase, fast.farrowMu};
+                const double rd[] = {ref.mixerPhase, ref.farrowMu};
+                EXPECT_EQ(std::memcmp(fd, rd, sizeof fd), 0) << factor << " " << n;
+                EXPECT_EQ(fast.farrowNextIndex, ref.farrowNextIndex);
+                EXPECT_EQ(fast.farrowInitialised, ref.farrowInitialised);
+            }
+        }
+    }
+}
+
 struct GardnerCase {
     int n;
     double fs;  // Rs = 1000
