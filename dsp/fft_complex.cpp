@@ -79,7 +79,7 @@ double sinc(double x) {
 
 // Wraps an angle into [0, 2 pi).
 double normalize_angle(double x) {
-    double r = std::fmod(x, kTwoPi);
+    double r = fmod_two_pi(x);
     return r < 0 ? r + kTwoPi : r;
 }
 

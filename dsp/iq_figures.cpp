@@ -5,6 +5,10 @@
 
 #include "CommonFun.h"
 
+namespace {
+constexpr int kExactSumLength = 1 << 23;
+}  // namespace
+
 // Measured on the n raw int16 samples, before any correction:
 //   mI, mQ      means                 -> iqOffset    = sqrt(mI^2 + mQ^2)  (int16 units)
 //   rI, rQ      RMS, means not removed -> iqGainRatio = rI / rQ          (1.0 if rQ = 0)
@@ -17,14 +21,36 @@ void CommonFun::calcIQParams(const int16_t* I, const int16_t* Q, int n, DisplayD
     if (n < 1) return;
 
     double sumI = 0.0, sumQ = 0.0, sumII = 0.0, sumQQ = 0.0, sumIQ = 0.0;
-    for (int k = 0; k < n; ++k) {
-        const int32_t i = I[k];
-        const int32_t q = Q[k];
-        sumI += i;
-        sumQ += q;
-        sumII += static_cast<double>(i * i);
-        sumQQ += static_cast<double>(q * q);
-        sumIQ += static_cast<double>(i * q);
+    if (n <= kExactSumLength) {
+        // Every term is an integer of at most 2^30 in magnitude, so up to
+        // 2^23 of them every running double sum is an integer below 2^53:
+        // each addition is exact and the sums equal the integer sums, which
+        // are formed in any order and converted once.
+        std::int64_t sI = 0, sQ = 0, sII = 0, sQQ = 0, sIQ = 0;
+        for (int k = 0; k < n; ++k) {
+            const int32_t i = I[k];
+            const int32_t q = Q[k];
+            sI += i;
+            sQ += q;
+            sII += i * i;
+            sQQ += q * q;
+            sIQ += i * q;
+        }
+        sumI = static_cast<double>(sI);
+        sumQ = static_cast<double>(sQ);
+        sumII = static_cast<double>(sII);
+        sumQQ = static_cast<double>(sQQ);
+        sumIQ = static_cast<double>(sIQ);
+    } else {
+        for (int k = 0; k < n; ++k) {
+            const int32_t i = I[k];
+            const int32_t q = Q[k];
+            sumI += i;
+            sumQ += q;
+            sumII += static_cast<double>(i * i);
+            sumQQ += static_cast<double>(q * q);
+            sumIQ += static_cast<double>(i * q);
+        }
     }
 
     const double mI = sumI / n;

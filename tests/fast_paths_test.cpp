@@ -325,6 +325,62 @@ TEST(FastPaths, MixAndWholeStepInterpolationMatchTwoStages) {
     }
 }
 
+// The I/Q sums formed in integers against the double running sums, at full
+// scale (the largest terms) and on random samples.
+TEST(FastPaths, IqFiguresMatchDoubleSums) {
+    std::mt19937 rng(17);
+    std::uniform_int_distribution<int> u(-32768, 32767);
+    for (int n : {1, 3, 1000, 320000}) {
+        for (int variant = 0; variant < 2; ++variant) {
+            std::vector<int16_t> I(static_cast<size_t>(n)), Q(I.size());
+            for (int k = 0; k < n; ++k) {
+                I[k] = static_cast<int16_t>(variant == 0 ? -32768 : u(rng));
+                Q[k] = static_cast<int16_t>(variant == 0 ? (k % 3 ? -32768 : 32767) : u(rng));
+            }
+            double sI = 0.0, sQ = 0.0, sII = 0.0, sQQ = 0.0, sIQ = 0.0;
+            for (int k = 0; k < n; ++k) {
+                const int32_t i = I[k], q = Q[k];
+                sI += i;
+                sQ += q;
+                sII += static_cast<double>(i * i);
+                sQQ += static_cast<double>(q * q);
+                sIQ += static_cast<double>(i * q);
+            }
+            const double mI = sI / n, mQ = sQ / n, rI = std::sqrt(sII / n),
+                         rQ = std::sqrt(sQQ / n);
+            const double x = std::min(1.0, std::max(-1.0, (sIQ / n) / (rI * rQ)));
+            const double want[] = {std::sqrt(mI * mI + mQ * mQ), rI / rQ, std::asin(x)};
+            DisplayData d{};
+            CommonFun().calcIQParams(I.data(), Q.data(), n, &d);
+            const double got[] = {d.iqOffset, d.iqGainRatio, d.quadError};
+            EXPECT_EQ(std::memcmp(got, want, sizeof want), 0) << n << " " << variant;
+        }
+    }
+}
+
+// The remainder by 2 pi against libm's fmod: random angles within two periods
+// and far beyond, the period's multiples and their neighbours, zeros,
+// infinities and NaN.
+TEST(FastPaths, RemainderByTwoPiMatchesFmod) {
+    const double P = 6.283185307179586;
+    std::vector<double> xs = {0.0, -0.0, P, -P, 2 * P, -2 * P, 3 * P, 1e300, -1e-310,
+                              std::numeric_limits<double>::infinity(),
+                              -std::numeric_limits<double>::infinity(), std::nan("")};
+    for (double m : {P, 2 * P, 4 * P}) {
+        for (double x : {std::nextafter(m, 0.0), std::nextafter(m, 1e9)}) {
+            xs.push_back(x);
+            xs.push_back(-x);
+        }
+    }
+    std::mt19937_64 rng(19);
+    std::uniform_real_distribution<double> near(-4.5 * P, 4.5 * P), far(-1e6, 1e6);
+    for (int i = 0; i < 200000; ++i) xs.push_back(i % 2 ? near(rng) : far(rng));
+    for (double x : xs) {
+        const double want = std::fmod(x, P), got = fmod_two_pi(x);
+        ASSERT_EQ(std::memcmp(&got, &want, 8), 0) << x;
+    }
+}
+
 struct GardnerCase {
     int n;
     double fs;  // Rs = 1000
