@@ -39,8 +39,10 @@ constexpr double kPreTaps[5] = {-1.16138e-06, -0.633281, 1.0, -0.633281, -1.1613
 int strongestPhase(const Complex* in, int sps, int symbols) {
     HeapArray<double> acc = heap_zeroed<double>(sps);
     if (!acc) return -1;
-    const std::int64_t whole = static_cast<std::int64_t>(sps) * symbols;
-    for (std::int64_t i = 0; i < whole; ++i) acc[i % sps] += Complex_abs2(in[i]);
+    // Symbol by symbol, so each phase's sum still runs in sample order.
+    const Complex* x = in;
+    for (int s = 0; s < symbols; ++s, x += sps)
+        for (int p = 0; p < sps; ++p) acc[p] += Complex_abs2(x[p]);
     int best = 0;
     for (int p = 1; p < sps; ++p)
         if (acc[p] > acc[best]) best = p;
@@ -56,30 +58,44 @@ double parabolic(double xp, double xm, double xm1, double xm2, double mu) {
     return (c2 * mu + c1) * mu + xm;
 }
 
-// The recent strobe values of one rail: a ring of the last eight strobes,
-// zero where a strobe was never written (the start of a resumed block), read
-// and written by absolute strobe number.
-struct StrobeRing {
-    double v[8] = {0, 0, 0, 0, 0, 0, 0, 0};
-    double& operator[](std::int64_t i) { return v[i & 7]; }
-    double operator[](std::int64_t i) const { return v[i & 7]; }
+// The last five strobe values of one rail, newest first (y0 is strobe i,
+// y4 strobe i - 4), and the pre-filtered values of the newest three: kept in
+// registers rather than in a ring in memory, since the loop's critical path
+// runs through them. A strobe that was never written reads as zero.
+struct StrobeHistory {
+    double y0 = 0, y1 = 0, y2 = 0, y3 = 0, y4 = 0;
+    double f0 = 0, f1 = 0, f2 = 0;
+
+    // Strobe i: the first six strobes pass unfiltered, later ones go through
+    // the five taps over strobes i .. i-4 (newest first).
+    void push(double y, std::int64_t i) {
+        y4 = y3;
+        y3 = y2;
+        y2 = y1;
+        y1 = y0;
+        y0 = y;
+        double f = y0;
+        if (i > 5) {
+            double acc = 0.0;
+            acc += y0 * kPreTaps[0];
+            acc += y1 * kPreTaps[1];
+            acc += y2 * kPreTaps[2];
+            acc += y3 * kPreTaps[3];
+            acc += y4 * kPreTaps[4];
+            f = acc;
+        }
+        f2 = f1;
+        f1 = f0;
+        f0 = f;
+    }
 };
 
-// Pre-filtered value at strobe i: the first six strobes pass unfiltered,
-// later ones go through the five taps over strobes i-4 .. i.
-double prefilter(const StrobeRing& y, std::int64_t i) {
-    if (i <= 5) return y[i];
-    double acc = 0.0;
-    for (int t = 0; t < 5; ++t) acc += y[i - t] * kPreTaps[t];
-    return acc;
-}
-
 // Gardner error at the symbol strobe i (even).
-double timingError(const StrobeRing& fI, const StrobeRing& fQ, std::int64_t i) {
-    if (i <= 2) return fI[i - 1] * fI[i] + fQ[i - 1] * fQ[i];
-    const double aI = (fI[i] + fI[i - 2]) / 2;
-    const double aQ = (fQ[i] + fQ[i - 2]) / 2;
-    return (fI[i - 1] - aI) * (fI[i] - fI[i - 2]) + (fQ[i - 1] - aQ) * (fQ[i] - fQ[i - 2]);
+double timingError(const StrobeHistory& I, const StrobeHistory& Q, std::int64_t i) {
+    if (i <= 2) return I.f1 * I.f0 + Q.f1 * Q.f0;
+    const double aI = (I.f0 + I.f2) / 2;
+    const double aQ = (Q.f0 + Q.f2) / 2;
+    return (I.f1 - aI) * (I.f0 - I.f2) + (Q.f1 - aQ) * (Q.f0 - Q.f2);
 }
 
 }  // namespace
@@ -158,7 +174,7 @@ void CommonFun::Gardner(const Complex* in, int n, double fs, double Rs, double C
     double stepNow = 2 * Rs / fs;  // loop step W[k]
     double muNow = kMuStart;    // fractional interval of strobe i
     double errPrev = 0.0;       // e[k - 1]
-    StrobeRing yI, yQ, fI, fQ;
+    StrobeHistory hI, hQ;       // strobes i, i-1, ... (the last written one first)
     std::int64_t m = 0, k = 0, i = 0;
     int count = 0;
     const bool resumed = gardnerContinue != 0 && gardnerTailCount > 0;
@@ -172,10 +188,10 @@ void CommonFun::Gardner(const Complex* in, int n, double fs, double Rs, double C
         stepNow = gardnerW;
         muNow = i < strobeLimit ? gardnerMu : kMuStart;
         if (i > 1 && i <= strobeLimit) {
-            fI[i - 2] = gardnerYI[0];
-            fI[i - 1] = gardnerYI[1];
-            fQ[i - 2] = gardnerYQ[0];
-            fQ[i - 1] = gardnerYQ[1];
+            hI.f2 = gardnerYI[0];
+            hI.f1 = gardnerYI[1];
+            hQ.f2 = gardnerYQ[0];
+            hQ.f1 = gardnerYQ[1];
         }
         errPrev = gardnerLastErr;
     }
@@ -191,6 +207,7 @@ void CommonFun::Gardner(const Complex* in, int n, double fs, double Rs, double C
     double sI[8] = {0, 0, 0, 0, 0, 0, 0, 0};
     double sQ[8] = {0, 0, 0, 0, 0, 0, 0, 0};
     std::int64_t scaledNext = 0;
+    bool stoppedAtLimit = false;  // i was advanced past the last written strobe
 
     // 5. The loop, over whole-symbol samples; the interpolator reads m+2.
     for (; m < N - 2; ++m) {
@@ -200,7 +217,10 @@ void CommonFun::Gardner(const Complex* in, int n, double fs, double Rs, double C
         if (m + 1 == N - 2) ncoAtEnd = ncoNow;
         if (eta > 0) continue;
         ++i;
-        if (i >= strobeLimit) break;
+        if (i >= strobeLimit) {
+            stoppedAtLimit = true;
+            break;
+        }
         muNow = ncoPrev / stepNow;
 
         const std::int64_t p = m > 0 ? m - 1 : 0;
@@ -210,13 +230,11 @@ void CommonFun::Gardner(const Complex* in, int n, double fs, double Rs, double C
             sQ[scaledNext & 7] = v.im / r;
             ++scaledNext;
         }
-        yI[i] = parabolic(sI[p & 7], sI[m & 7], sI[(m + 1) & 7], sI[(m + 2) & 7], muNow);
-        yQ[i] = parabolic(sQ[p & 7], sQ[m & 7], sQ[(m + 1) & 7], sQ[(m + 2) & 7], muNow);
-        fI[i] = prefilter(yI, i);
-        fQ[i] = prefilter(yQ, i);
+        hI.push(parabolic(sI[p & 7], sI[m & 7], sI[(m + 1) & 7], sI[(m + 2) & 7], muNow), i);
+        hQ.push(parabolic(sQ[p & 7], sQ[m & 7], sQ[(m + 1) & 7], sQ[(m + 2) & 7], muNow), i);
         if (i % 2 != 0) continue;  // mid-symbol strobe
 
-        const double e = timingError(fI, fQ, i);
+        const double e = timingError(hI, hQ, i);
         const double diff = k == 0 ? e : e - errPrev;
         const double stepNext = stepNow + C1 * diff + C2 * e;
         // The symbol budget, and the caller's capacity of n symbols, which
@@ -227,7 +245,7 @@ void CommonFun::Gardner(const Complex* in, int n, double fs, double Rs, double C
             (void)stepNext;
             break;
         }
-        out[count] = Complex{yI[i], yQ[i]};
+        out[count] = Complex{hI.y0, hQ.y0};
         ++count;
         ++k;
         stepNow = stepNext;
@@ -246,10 +264,16 @@ void CommonFun::Gardner(const Complex* in, int n, double fs, double Rs, double C
     if (i < 2 || i > strobeLimit) {
         gardnerYI[0] = gardnerYI[1] = 0.0;
         gardnerYQ[0] = gardnerYQ[1] = 0.0;
+    } else if (stoppedAtLimit) {
+        // Strobe i was counted but never written: i-1 is the newest.
+        gardnerYI[0] = hI.f1;
+        gardnerYI[1] = hI.f0;
+        gardnerYQ[0] = hQ.f1;
+        gardnerYQ[1] = hQ.f0;
     } else {
-        gardnerYI[0] = fI[i - 2];
-        gardnerYI[1] = fI[i - 1];
-        gardnerYQ[0] = fQ[i - 2];
-        gardnerYQ[1] = fQ[i - 1];
+        gardnerYI[0] = hI.f2;
+        gardnerYI[1] = hI.f1;
+        gardnerYQ[0] = hQ.f2;
+        gardnerYQ[1] = hQ.f1;
     }
 }

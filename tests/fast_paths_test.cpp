@@ -386,6 +386,7 @@ struct GardnerCase {
     double fs;  // Rs = 1000
     double c1, c2;
     double forcedStep;  // > 0: carried step set for the resumed blocks
+    int forcedStrobe = 0;  // > 0: carried strobe number set for the resumed blocks
 };
 
 // The streaming loop against the array-based one: output, count and every
@@ -393,7 +394,8 @@ struct GardnerCase {
 // (carried tail, strobe parity, pre-filter history), at several rates, block
 // lengths that are not whole symbols, and gains large enough to make the loop
 // run away; a carried step of a strobe or more per sample makes the loop stop
-// on its symbol budget before the end of the block.
+// on its symbol budget before the end of the block, and a carried strobe
+// number at the strobe budget stops it at its first strobe.
 TEST(FastPaths, GardnerMatchesArrayLoop) {
     const GardnerCase cases[] = {
         {4001, 4000, 0.002, 1.82e-08, 0}, {4003, 4000, 0.004, 1.82e-06, 0},
@@ -401,7 +403,7 @@ TEST(FastPaths, GardnerMatchesArrayLoop) {
         {5, 4000, 0.002, 1.82e-08, 0},    {2000, 2000, 0.5, 0.2, 0},
         {1999, 1000, 0.002, 1.82e-08, 0}, {4000, 4000, -3.0, -2.0, 0},
         {4000, 4000, 0.0, 0.0, 1.5},      {4001, 8000, 0.0, 0.0, 1.25},
-        {4002, 4000, 0.001, 0.0, 1.0}};
+        {4002, 4000, 0.001, 0.0, 1.0},    {400, 4000, 0.002, 1.82e-08, 0, 409}};
     std::mt19937 rng(11);
     for (const GardnerCase& c : cases) {
         CommonFun fast, ref;
@@ -433,6 +435,7 @@ TEST(FastPaths, GardnerMatchesArrayLoop) {
             // Later blocks continue the stream from the carried state.
             fast.gardnerContinue = ref.gardnerContinue = 1;
             if (c.forcedStep > 0) fast.gardnerW = ref.gardnerW = c.forcedStep;
+            if (c.forcedStrobe > 0) fast.gardnerStrobe = ref.gardnerStrobe = c.forcedStrobe;
         }
     }
 }
