@@ -21,6 +21,9 @@
 #include <cstdint>
 #include <cstring>
 #include <utility>
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
 
 #include "CommonFun.h"
 #include "safe_convert.h"
@@ -89,6 +92,25 @@ struct StrobeHistory {
         f0 = f;
     }
 };
+
+// (v.re / r, v.im / r), both quotients in one instruction where SSE2 is there.
+Complex divideBoth(const Complex& v, double r) {
+#ifdef __SSE2__
+    Complex q;
+    _mm_storeu_pd(&q.re, _mm_div_pd(_mm_loadu_pd(&v.re), _mm_set1_pd(r)));
+    return q;
+#else
+    return Complex{v.re / r, v.im / r};
+#endif
+}
+
+// floor(eta) for an NCO underflow, which almost always lies in [-1, 0): the
+// floor is then -1 without the conversions of a general floor, which would
+// sit on the loop's critical path.
+double floorOfUnderflow(double eta) {
+    if (eta >= -1.0 && eta < 0.0) return -1.0;
+    return std::floor(eta);
+}
 
 // Gardner error at the symbol strobe i (even).
 double timingError(const StrobeHistory& I, const StrobeHistory& Q, std::int64_t i) {
@@ -204,8 +226,7 @@ void CommonFun::Gardner(const Complex* in, int n, double fs, double Rs, double C
 
     // Unit-RMS samples, each scaled once when the interpolator first needs
     // it; the last eight are kept (it reads m-1 .. m+2).
-    double sI[8] = {0, 0, 0, 0, 0, 0, 0, 0};
-    double sQ[8] = {0, 0, 0, 0, 0, 0, 0, 0};
+    Complex scaled[8] = {};
     std::int64_t scaledNext = 0;
     bool stoppedAtLimit = false;  // i was advanced past the last written strobe
 
@@ -213,7 +234,7 @@ void CommonFun::Gardner(const Complex* in, int n, double fs, double Rs, double C
     for (; m < N - 2; ++m) {
         const double eta = ncoNow - stepNow;
         const double ncoPrev = ncoNow;
-        ncoNow = eta > 0 ? eta : eta - std::floor(eta);
+        ncoNow = eta > 0 ? eta : eta - floorOfUnderflow(eta);
         if (m + 1 == N - 2) ncoAtEnd = ncoNow;
         if (eta > 0) continue;
         ++i;
@@ -225,13 +246,15 @@ void CommonFun::Gardner(const Complex* in, int n, double fs, double Rs, double C
 
         const std::int64_t p = m > 0 ? m - 1 : 0;
         while (scaledNext <= m + 2) {
-            const Complex& v = joined(scaledNext);
-            sI[scaledNext & 7] = v.re / r;
-            sQ[scaledNext & 7] = v.im / r;
+            scaled[scaledNext & 7] = divideBoth(joined(scaledNext), r);
             ++scaledNext;
         }
-        hI.push(parabolic(sI[p & 7], sI[m & 7], sI[(m + 1) & 7], sI[(m + 2) & 7], muNow), i);
-        hQ.push(parabolic(sQ[p & 7], sQ[m & 7], sQ[(m + 1) & 7], sQ[(m + 2) & 7], muNow), i);
+        const Complex& xp = scaled[p & 7];
+        const Complex& xm = scaled[m & 7];
+        const Complex& xm1 = scaled[(m + 1) & 7];
+        const Complex& xm2 = scaled[(m + 2) & 7];
+        hI.push(parabolic(xp.re, xm.re, xm1.re, xm2.re, muNow), i);
+        hQ.push(parabolic(xp.im, xm.im, xm1.im, xm2.im, muNow), i);
         if (i % 2 != 0) continue;  // mid-symbol strobe
 
         const double e = timingError(hI, hQ, i);
