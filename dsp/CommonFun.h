@@ -161,6 +161,8 @@ public:
 void initDisplay(DisplayData* d);
 
 void hamming_window(double* w, int n);
+// hamming_window(w, 16384), formed on first use and kept.
+const double* hamming_window_16384();
 double sinc(double x);
 double normalize_angle(double x);
 
