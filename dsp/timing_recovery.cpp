@@ -52,39 +52,71 @@ int strongestPhase(const Complex* in, int sps, int symbols) {
     return best;
 }
 
+// The two rails of one strobe, I and Q, side by side. Every operation acts on
+// each part alone, exactly as the scalar expression would on each rail (with
+// SSE2, one instruction for both).
+struct Pair {
+#ifdef __SSE2__
+    __m128d v;
+    static Pair of(double a) { return Pair{_mm_set1_pd(a)}; }
+    static Pair load(const Complex& c) { return Pair{_mm_loadu_pd(&c.re)}; }
+    double i() const { return _mm_cvtsd_f64(v); }
+    double q() const { return _mm_cvtsd_f64(_mm_unpackhi_pd(v, v)); }
+#else
+    double a, b;
+    static Pair of(double x) { return Pair{x, x}; }
+    static Pair load(const Complex& c) { return Pair{c.re, c.im}; }
+    double i() const { return a; }
+    double q() const { return b; }
+#endif
+    Complex complex() const { return Complex{i(), q()}; }
+};
+#ifdef __SSE2__
+Pair operator+(Pair x, Pair y) { return Pair{_mm_add_pd(x.v, y.v)}; }
+Pair operator-(Pair x, Pair y) { return Pair{_mm_sub_pd(x.v, y.v)}; }
+Pair operator*(Pair x, Pair y) { return Pair{_mm_mul_pd(x.v, y.v)}; }
+Pair operator/(Pair x, Pair y) { return Pair{_mm_div_pd(x.v, y.v)}; }
+#else
+Pair operator+(Pair x, Pair y) { return Pair{x.a + y.a, x.b + y.b}; }
+Pair operator-(Pair x, Pair y) { return Pair{x.a - y.a, x.b - y.b}; }
+Pair operator*(Pair x, Pair y) { return Pair{x.a * y.a, x.b * y.b}; }
+Pair operator/(Pair x, Pair y) { return Pair{x.a / y.a, x.b / y.b}; }
+#endif
+
 // Piecewise-parabolic interpolant between x[m] and x[m+1] at fraction mu,
 // with the left neighbour x[p] (p = m-1, clamped to 0 at the block start);
 // the four samples are passed as values xp, xm, xm1, xm2.
-double parabolic(double xp, double xm, double xm1, double xm2, double mu) {
-    const double c2 = 0.5 * xm2 - 0.5 * xm1 - 0.5 * xm + 0.5 * xp;
-    const double c1 = -0.5 * xm2 + 1.5 * xm1 - 0.5 * xm - 0.5 * xp;
-    return (c2 * mu + c1) * mu + xm;
+Pair parabolic(Pair xp, Pair xm, Pair xm1, Pair xm2, double mu) {
+    const Pair h = Pair::of(0.5), mh = Pair::of(-0.5), h3 = Pair::of(1.5), u = Pair::of(mu);
+    const Pair c2 = h * xm2 - h * xm1 - h * xm + h * xp;
+    const Pair c1 = mh * xm2 + h3 * xm1 - h * xm - h * xp;
+    return (c2 * u + c1) * u + xm;
 }
 
-// The last five strobe values of one rail, newest first (y0 is strobe i,
-// y4 strobe i - 4), and the pre-filtered values of the newest three: kept in
-// registers rather than in a ring in memory, since the loop's critical path
-// runs through them. A strobe that was never written reads as zero.
+// The last five strobe values, newest first (y0 is strobe i, y4 strobe
+// i - 4), and the pre-filtered values of the newest three: kept in registers
+// rather than in a ring in memory, since the loop's critical path runs
+// through them. A strobe that was never written reads as zero.
 struct StrobeHistory {
-    double y0 = 0, y1 = 0, y2 = 0, y3 = 0, y4 = 0;
-    double f0 = 0, f1 = 0, f2 = 0;
+    Pair y0 = Pair::of(0), y1 = y0, y2 = y0, y3 = y0, y4 = y0;
+    Pair f0 = y0, f1 = y0, f2 = y0;
 
     // Strobe i: the first six strobes pass unfiltered, later ones go through
     // the five taps over strobes i .. i-4 (newest first).
-    void push(double y, std::int64_t i) {
+    void push(Pair y, std::int64_t i) {
         y4 = y3;
         y3 = y2;
         y2 = y1;
         y1 = y0;
         y0 = y;
-        double f = y0;
+        Pair f = y0;
         if (i > 5) {
-            double acc = 0.0;
-            acc += y0 * kPreTaps[0];
-            acc += y1 * kPreTaps[1];
-            acc += y2 * kPreTaps[2];
-            acc += y3 * kPreTaps[3];
-            acc += y4 * kPreTaps[4];
+            Pair acc = Pair::of(0.0);
+            acc = acc + y0 * Pair::of(kPreTaps[0]);
+            acc = acc + y1 * Pair::of(kPreTaps[1]);
+            acc = acc + y2 * Pair::of(kPreTaps[2]);
+            acc = acc + y3 * Pair::of(kPreTaps[3]);
+            acc = acc + y4 * Pair::of(kPreTaps[4]);
             f = acc;
         }
         f2 = f1;
@@ -93,15 +125,17 @@ struct StrobeHistory {
     }
 };
 
-// (v.re / r, v.im / r), both quotients in one instruction where SSE2 is there.
-Complex divideBoth(const Complex& v, double r) {
-#ifdef __SSE2__
-    Complex q;
-    _mm_storeu_pd(&q.re, _mm_div_pd(_mm_loadu_pd(&v.re), _mm_set1_pd(r)));
-    return q;
-#else
-    return Complex{v.re / r, v.im / r};
-#endif
+// Gardner error at the symbol strobe i (even): the I rail's term plus the
+// Q rail's.
+double timingError(const StrobeHistory& h, std::int64_t i) {
+    if (i <= 2) {
+        const Pair t = h.f1 * h.f0;
+        return t.i() + t.q();
+    }
+    // (f0 + f2) / 2, the halving formed as the (equal, exact) product by 0.5.
+    const Pair a = (h.f0 + h.f2) * Pair::of(0.5);
+    const Pair t = (h.f1 - a) * (h.f0 - h.f2);
+    return t.i() + t.q();
 }
 
 // floor(eta) for an NCO underflow, which almost always lies in [-1, 0): the
@@ -110,14 +144,6 @@ Complex divideBoth(const Complex& v, double r) {
 double floorOfUnderflow(double eta) {
     if (eta >= -1.0 && eta < 0.0) return -1.0;
     return std::floor(eta);
-}
-
-// Gardner error at the symbol strobe i (even).
-double timingError(const StrobeHistory& I, const StrobeHistory& Q, std::int64_t i) {
-    if (i <= 2) return I.f1 * I.f0 + Q.f1 * Q.f0;
-    const double aI = (I.f0 + I.f2) / 2;
-    const double aQ = (Q.f0 + Q.f2) / 2;
-    return (I.f1 - aI) * (I.f0 - I.f2) + (Q.f1 - aQ) * (Q.f0 - Q.f2);
 }
 
 }  // namespace
@@ -196,7 +222,7 @@ void CommonFun::Gardner(const Complex* in, int n, double fs, double Rs, double C
     double stepNow = 2 * Rs / fs;  // loop step W[k]
     double muNow = kMuStart;    // fractional interval of strobe i
     double errPrev = 0.0;       // e[k - 1]
-    StrobeHistory hI, hQ;       // strobes i, i-1, ... (the last written one first)
+    StrobeHistory h;            // strobes i, i-1, ... (the last written one first)
     std::int64_t m = 0, k = 0, i = 0;
     int count = 0;
     const bool resumed = gardnerContinue != 0 && gardnerTailCount > 0;
@@ -210,10 +236,8 @@ void CommonFun::Gardner(const Complex* in, int n, double fs, double Rs, double C
         stepNow = gardnerW;
         muNow = i < strobeLimit ? gardnerMu : kMuStart;
         if (i > 1 && i <= strobeLimit) {
-            hI.f2 = gardnerYI[0];
-            hI.f1 = gardnerYI[1];
-            hQ.f2 = gardnerYQ[0];
-            hQ.f1 = gardnerYQ[1];
+            h.f2 = Pair::load(Complex{gardnerYI[0], gardnerYQ[0]});
+            h.f1 = Pair::load(Complex{gardnerYI[1], gardnerYQ[1]});
         }
         errPrev = gardnerLastErr;
     }
@@ -226,7 +250,8 @@ void CommonFun::Gardner(const Complex* in, int n, double fs, double Rs, double C
 
     // Unit-RMS samples, each scaled once when the interpolator first needs
     // it; the last eight are kept (it reads m-1 .. m+2).
-    Complex scaled[8] = {};
+    Pair scaled[8];
+    const Pair rr = Pair::of(r);
     std::int64_t scaledNext = 0;
     bool stoppedAtLimit = false;  // i was advanced past the last written strobe
 
@@ -246,18 +271,15 @@ void CommonFun::Gardner(const Complex* in, int n, double fs, double Rs, double C
 
         const std::int64_t p = m > 0 ? m - 1 : 0;
         while (scaledNext <= m + 2) {
-            scaled[scaledNext & 7] = divideBoth(joined(scaledNext), r);
+            scaled[scaledNext & 7] = Pair::load(joined(scaledNext)) / rr;
             ++scaledNext;
         }
-        const Complex& xp = scaled[p & 7];
-        const Complex& xm = scaled[m & 7];
-        const Complex& xm1 = scaled[(m + 1) & 7];
-        const Complex& xm2 = scaled[(m + 2) & 7];
-        hI.push(parabolic(xp.re, xm.re, xm1.re, xm2.re, muNow), i);
-        hQ.push(parabolic(xp.im, xm.im, xm1.im, xm2.im, muNow), i);
+        h.push(parabolic(scaled[p & 7], scaled[m & 7], scaled[(m + 1) & 7],
+                         scaled[(m + 2) & 7], muNow),
+               i);
         if (i % 2 != 0) continue;  // mid-symbol strobe
 
-        const double e = timingError(hI, hQ, i);
+        const double e = timingError(h, i);
         const double diff = k == 0 ? e : e - errPrev;
         const double stepNext = stepNow + C1 * diff + C2 * e;
         // The symbol budget, and the caller's capacity of n symbols, which
@@ -268,7 +290,7 @@ void CommonFun::Gardner(const Complex* in, int n, double fs, double Rs, double C
             (void)stepNext;
             break;
         }
-        out[count] = Complex{hI.y0, hQ.y0};
+        out[count] = h.y0.complex();
         ++count;
         ++k;
         stepNow = stepNext;
@@ -289,14 +311,14 @@ void CommonFun::Gardner(const Complex* in, int n, double fs, double Rs, double C
         gardnerYQ[0] = gardnerYQ[1] = 0.0;
     } else if (stoppedAtLimit) {
         // Strobe i was counted but never written: i-1 is the newest.
-        gardnerYI[0] = hI.f1;
-        gardnerYI[1] = hI.f0;
-        gardnerYQ[0] = hQ.f1;
-        gardnerYQ[1] = hQ.f0;
+        gardnerYI[0] = h.f1.i();
+        gardnerYI[1] = h.f0.i();
+        gardnerYQ[0] = h.f1.q();
+        gardnerYQ[1] = h.f0.q();
     } else {
-        gardnerYI[0] = hI.f2;
-        gardnerYI[1] = hI.f1;
-        gardnerYQ[0] = hQ.f2;
-        gardnerYQ[1] = hQ.f1;
+        gardnerYI[0] = h.f2.i();
+        gardnerYI[1] = h.f1.i();
+        gardnerYQ[0] = h.f2.q();
+        gardnerYQ[1] = h.f1.q();
     }
 }
