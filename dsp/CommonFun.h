@@ -55,6 +55,11 @@ public:
                   int* out_len);
     void FarrowInterp(const Complex* in, int n, double fs_out, double fs_in, Complex* out,
                       int* out_len);
+    // correctDF then FarrowInterp on a fresh interpolator, for a whole number
+    // `factor` of input samples per output; mixes only what the outputs need
+    // and the mixed samples out[count .. keep).
+    void correctDFDecimated(const short* I, const short* Q, int n, double fs, int df,
+                            int factor, int keep, Complex* out, int* out_len);
 
     // ---- pulse-shaping and matched filters ----
     void rcosdesignForC(double beta, int span, int sps, const char* shape, float* h, int* len);
@@ -156,8 +161,26 @@ public:
 void initDisplay(DisplayData* d);
 
 void hamming_window(double* w, int n);
+// hamming_window(w, 16384), formed on first use and kept.
+const double* hamming_window_16384();
 double sinc(double x);
 double normalize_angle(double x);
+
+// std::fmod(x, 2 pi) (2 pi the double 6.283185307179586), the same bits. The
+// remainder is exact, so within one period either way it is formed directly:
+// x itself below 2 pi in magnitude, and x - 2 pi (or x + 2 pi) below 4 pi, a
+// difference of two numbers within a factor two of each other and hence exact;
+// a zero remainder keeps the sign of x. Larger and non-finite x go to libm.
+inline double fmod_two_pi(double x) {
+    constexpr double kPeriod = 6.283185307179586;
+    const double a = std::fabs(x);
+    if (a < kPeriod) return x;
+    if (a < 2 * kPeriod) {
+        const double r = x - std::copysign(kPeriod, x);
+        return r == 0.0 ? std::copysign(0.0, x) : r;
+    }
+    return std::fmod(x, kPeriod);
+}
 long gcd_int64(long a, long b);
 int cmp_double(const void* a, const void* b);
 int cmp_asc(const void* a, const void* b);

@@ -231,7 +231,7 @@ void dense_qam_phase_loop(CommonFun& cf, const Complex* s, int n, const DenseQam
                           Complex* out) {
     double theta = 0.0, v = 0.0, ep = 0.0;
     for (int i = 0; i < n; ++i) {
-        const double phi = std::fmod(theta, kTwoPi);
+        const double phi = fmod_two_pi(theta);
         const Complex y = rotated(cf, s[i], -phi);
         out[i] = y;
         const double a = angleFrom0(y.im, y.re);

@@ -1,5 +1,6 @@
 // Cubic (third-order Lagrange) Farrow interpolator: rate reduction to the
 // analysis rate without anti-alias filtering, as a streaming stage.
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 
@@ -97,6 +98,89 @@ void CommonFun::FarrowInterp(const Complex* in, int n, double fs_out, double fs_
     // infinite step has pushed k to the int limit, hence the 64-bit sum.
     farrowNextIndex = saturate_cast<int>(static_cast<double>(static_cast<std::int64_t>(k) + 3 - N));
     farrowMu = mu;
+    farrowInitialised = 1;
+    *out_len = m;
+}
+
+// The coarse-offset mixer followed by the interpolator on a fresh state, for
+// a whole number of input samples per output (`factor` = fs_in / fs_out):
+// the same outputs, count, interpolator state and mixer phase as
+//   correctDF(I, Q, n, fs, df, mixed);  FarrowInterp(mixed, n, fs / factor, fs, out, ...)
+// but without mixing the samples that cannot change an output.
+//
+// With a whole step every output falls on a sample (mu = 0), where the cubic
+// weights are exactly +0, 1, +0, +0: the output is
+//   ((+0 a + b) + +0 c) + +0 d,
+// which is b itself whenever b's parts are finite and nonzero and a, c, d are
+// finite (the zero products then only ever add a signed zero to b). The
+// mixed samples are finite exactly when their phases are. So only one sample
+// in `factor` is mixed; its neighbours are mixed too, and the full weighted
+// sum formed, only when b has a zero or non-finite part or a neighbour's
+// phase is not finite. The phase still advances by one step per sample, as
+// the mixer's running sum, so every phase used is the mixer's own.
+//
+// out[count .. keep) (keep clipped to n) receive the mixed samples there, as
+// mixing the whole block into `out` and interpolating over its start leaves
+// them: a reader of the buffer's first `keep` values sees the same numbers.
+void CommonFun::correctDFDecimated(const short* I, const short* Q, int n, double fs, int df,
+                                   int factor, int keep, Complex* out, int* out_len) {
+    const double step = df * -6.283185307179586 / fs;
+    auto mix = [&](std::int64_t i, double phi) {
+        const double c = std::cos(phi);
+        const double s = std::sin(phi);
+        const double re = static_cast<double>(I[i]);
+        const double im = static_cast<double>(Q[i]);
+        return Complex{re * c - im * s, im * c + re * s};
+    };
+    auto usable = [](double v) { return std::isfinite(v) && v != 0.0; };
+
+    const double phi0 = mixerPhase;
+    double phi = phi0;        // phase of sample i
+    double phiBefore = 0.0;   // phase of sample i - 1, for i >= 1
+    std::int64_t i = 0;
+    int m = 0;
+    // Outputs fall on the zero-based samples b = m * factor while b + 2 < n.
+    for (std::int64_t b = 0; b + 2 < n && m < INT32_MAX; b += factor, ++m) {
+        for (; i < b; ++i) {
+            phiBefore = phi;
+            phi += step;
+        }
+        const double phi1 = phi + step;
+        const double phi2 = phi1 + step;
+        const Complex xb = mix(b, phi);
+        // A running phase that has left the finite range never comes back,
+        // so a finite phase at b means a finite one before it.
+        if (usable(xb.re) && usable(xb.im) && std::isfinite(phi1) && std::isfinite(phi2)) {
+            out[m] = xb;
+        } else {
+            const Complex xa = b > 0 ? mix(b - 1, phiBefore) : Complex{0.0, 0.0};
+            out[m] = cubic_lagrange(xa, xb, mix(b + 1, phi1), mix(b + 2, phi2), 0.0);
+        }
+    }
+
+    // The mixer runs to the end of the block (the output loop stopped at or
+    // before sample n - 3); the interpolator keeps the last three mixed
+    // samples and the position of its next output.
+    double tailPhase[3] = {0.0, 0.0, 0.0};
+    for (; i < n; ++i) {
+        if (i >= n - 3) tailPhase[i - (n - 3)] = phi;
+        phi += step;
+    }
+    for (int t = 0; t < 3; ++t)
+        farrowHistory[t] = n < 3 ? Complex{0.0, 0.0} : mix(n - 3 + t, tailPhase[t]);
+    mixerPhase = phi;
+
+    phi = phi0;
+    for (std::int64_t j = 0; j < keep && j < n; ++j) {
+        if (j >= m) out[j] = mix(j, phi);
+        phi += step;
+    }
+
+    const double t = m * static_cast<double>(factor) + 0.0 + 1;
+    const int k = floor_to_int(t);
+    farrowNextIndex =
+        saturate_cast<int>(static_cast<double>(static_cast<std::int64_t>(k) + 3 - n));
+    farrowMu = t - k;
     farrowInitialised = 1;
     *out_len = m;
 }

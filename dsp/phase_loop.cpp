@@ -24,7 +24,7 @@ constexpr double kZeta = 0.707;
 
 // Angle folded into [0, 2 pi).
 double wrapPositive(double x) {
-    double a = std::fmod(x, kTwoPi);
+    double a = fmod_two_pi(x);
     if (a < 0) a += kTwoPi;
     return a;
 }
@@ -145,14 +145,14 @@ void CommonFun::PhaseLook(const Complex* in, int n, ModType family, int M, doubl
     for (int idx = 0; idx < n; ++idx) {
         const double I = in[idx].re;
         const double Q = in[idx].im;
-        const double phi = std::fmod(theta, kTwoPi);
+        const double phi = fmod_two_pi(theta);
         const double c = std::cos(phi);
         const double s = std::sin(phi);
         const double I1 = I * c + Q * s;
         const double Q1 = Q * c - I * s;
         phaseLastI = I1;
         phaseLastQ = Q1;
-        const double p = std::fmod(std::atan2(Q1, I1) + kTwoPi, kTwoPi);
+        const double p = fmod_two_pi(std::atan2(Q1, I1) + kTwoPi);
 
         double e = 0.0;
         if (family == MT_PSK && M == 2)

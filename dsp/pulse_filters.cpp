@@ -71,16 +71,34 @@ __attribute__((target("avx2"))) int conv_blocks_avx2(const Complex* x, const flo
     constexpr int kBlock = 16;
     int i = 0;
     for (; i + kBlock <= count; i += kBlock) {
-        __m256d acc[kBlock / 2];
-        for (int b = 0; b < kBlock / 2; ++b) acc[b] = _mm256_setzero_pd();
-        const double* base = &x[i].re;
-        for (int j = 0; j < L; ++j) {
+        // Eight named accumulators, so that they stay in registers.
+        __m256d a0 = _mm256_setzero_pd(), a1 = a0, a2 = a0, a3 = a0;
+        __m256d a4 = a0, a5 = a0, a6 = a0, a7 = a0;
+        const double* p = &x[i].re;
+        for (int j = 0; j < L; ++j, p += 2) {
+            // Hide the pointer's progression from the optimiser: otherwise
+            // it carries the loads of one tap into the tap after next and
+            // runs out of registers.
+            __asm__("" : "+r"(p));
             const __m256d hj = _mm256_set1_pd(static_cast<double>(h[j]));
-            const double* p = base + 2 * j;
-            for (int b = 0; b < kBlock / 2; ++b)
-                acc[b] = _mm256_add_pd(acc[b], _mm256_mul_pd(_mm256_loadu_pd(p + 4 * b), hj));
+            a0 = _mm256_add_pd(a0, _mm256_mul_pd(_mm256_loadu_pd(p), hj));
+            a1 = _mm256_add_pd(a1, _mm256_mul_pd(_mm256_loadu_pd(p + 4), hj));
+            a2 = _mm256_add_pd(a2, _mm256_mul_pd(_mm256_loadu_pd(p + 8), hj));
+            a3 = _mm256_add_pd(a3, _mm256_mul_pd(_mm256_loadu_pd(p + 12), hj));
+            a4 = _mm256_add_pd(a4, _mm256_mul_pd(_mm256_loadu_pd(p + 16), hj));
+            a5 = _mm256_add_pd(a5, _mm256_mul_pd(_mm256_loadu_pd(p + 20), hj));
+            a6 = _mm256_add_pd(a6, _mm256_mul_pd(_mm256_loadu_pd(p + 24), hj));
+            a7 = _mm256_add_pd(a7, _mm256_mul_pd(_mm256_loadu_pd(p + 28), hj));
         }
-        for (int b = 0; b < kBlock / 2; ++b) _mm256_storeu_pd(&y[i + 2 * b].re, acc[b]);
+        double* q = &y[i].re;
+        _mm256_storeu_pd(q, a0);
+        _mm256_storeu_pd(q + 4, a1);
+        _mm256_storeu_pd(q + 8, a2);
+        _mm256_storeu_pd(q + 12, a3);
+        _mm256_storeu_pd(q + 16, a4);
+        _mm256_storeu_pd(q + 20, a5);
+        _mm256_storeu_pd(q + 24, a6);
+        _mm256_storeu_pd(q + 28, a7);
     }
     return i;
 }
@@ -218,16 +236,30 @@ void CommonFun::conv2_complex(const Complex* x, int n, const float* h, int L, Co
 #ifdef __SSE2__
     constexpr int kBlock = 8;
     for (; i + kBlock <= count; i += kBlock) {
-        __m128d acc[kBlock];
-        for (int b = 0; b < kBlock; ++b) acc[b] = _mm_setzero_pd();
-        const double* base = &x[i].re;
-        for (int j = 0; j < L; ++j) {
+        __m128d a0 = _mm_setzero_pd(), a1 = a0, a2 = a0, a3 = a0;
+        __m128d a4 = a0, a5 = a0, a6 = a0, a7 = a0;
+        const double* p = &x[i].re;
+        for (int j = 0; j < L; ++j, p += 2) {
+            __asm__("" : "+r"(p));  // as in the AVX2 blocks
             const __m128d hj = _mm_set1_pd(static_cast<double>(h[j]));
-            const double* p = base + 2 * j;
-            for (int b = 0; b < kBlock; ++b)
-                acc[b] = _mm_add_pd(acc[b], _mm_mul_pd(_mm_loadu_pd(p + 2 * b), hj));
+            a0 = _mm_add_pd(a0, _mm_mul_pd(_mm_loadu_pd(p), hj));
+            a1 = _mm_add_pd(a1, _mm_mul_pd(_mm_loadu_pd(p + 2), hj));
+            a2 = _mm_add_pd(a2, _mm_mul_pd(_mm_loadu_pd(p + 4), hj));
+            a3 = _mm_add_pd(a3, _mm_mul_pd(_mm_loadu_pd(p + 6), hj));
+            a4 = _mm_add_pd(a4, _mm_mul_pd(_mm_loadu_pd(p + 8), hj));
+            a5 = _mm_add_pd(a5, _mm_mul_pd(_mm_loadu_pd(p + 10), hj));
+            a6 = _mm_add_pd(a6, _mm_mul_pd(_mm_loadu_pd(p + 12), hj));
+            a7 = _mm_add_pd(a7, _mm_mul_pd(_mm_loadu_pd(p + 14), hj));
         }
-        for (int b = 0; b < kBlock; ++b) _mm_storeu_pd(&y[i + b].re, acc[b]);
+        double* q = &y[i].re;
+        _mm_storeu_pd(q, a0);
+        _mm_storeu_pd(q + 2, a1);
+        _mm_storeu_pd(q + 4, a2);
+        _mm_storeu_pd(q + 6, a3);
+        _mm_storeu_pd(q + 8, a4);
+        _mm_storeu_pd(q + 10, a5);
+        _mm_storeu_pd(q + 12, a6);
+        _mm_storeu_pd(q + 14, a7);
     }
 #endif
     for (; i < count; ++i) {

@@ -190,16 +190,25 @@ double sinc_partial_sum(double t, std::int64_t c) {
 
 // Unnormalised coefficient j of the windowed sinc, with the arithmetic of
 // design_lowpass_fir (so that both evaluations agree to the last bit before
-// normalisation).
-double windowed_sinc_tap(std::int64_t j, std::int64_t c, std::int64_t taps, double fc) {
+// normalisation), in three parts: the sine and the cosine it takes from libm
+// (the sine only off the centre, m != 0), and their combination.
+double tap_sine(std::int64_t j, std::int64_t c, double fc) {
+    const double md = static_cast<double>(j - c);
+    return std::sin(kTwoPi * fc * md);
+}
+
+double tap_cosine(std::int64_t j, std::int64_t taps) {
+    return std::cos(kTwoPi * static_cast<double>(j) / static_cast<double>(taps - 1));
+}
+
+double tap_value(std::int64_t j, std::int64_t c, double fc, double sine, double cosine) {
     const std::int64_t m = j - c;
     double h = 2 * fc;
     if (m != 0) {
         const double md = static_cast<double>(m);
-        h = std::sin(kTwoPi * fc * md) / (md * kPi);
+        h = sine / (md * kPi);
     }
-    return h * (0.54 - 0.46 * std::cos(kTwoPi * static_cast<double>(j) /
-                                       static_cast<double>(taps - 1)));
+    return h * (0.54 - 0.46 * cosine);
 }
 
 }  // namespace
@@ -346,10 +355,40 @@ bool polyphase_on_the_fly(const Complex* in, int n, std::int64_t L, std::int64_t
     const std::int64_t c = (taps - 1) / 2;
     const double fc = filter_cutoff(L, M);
     const double S = windowed_sinc_sum(fc, taps);
-    polyphase_sum(in, n, L, M, taps, out, count, [&](std::int64_t j) {
-        const double hj = windowed_sinc_tap(j, c, taps, fc);
-        return S != 0.0 ? hj / S : hj;
-    });
+    // The same sum as polyphase_sum with each coefficient computed on the
+    // spot. The libm values of a run of coefficients are taken first and the
+    // coefficients then formed and accumulated in order, so that the
+    // divisions and products of one coefficient do not wait between calls.
+    constexpr std::int64_t kRun = 32;
+    double sine[kRun];
+    double cosine[kRun];
+    for (int m = 0; m < count; ++m) {
+        const std::int64_t t = M * m;
+        std::int64_t kLo = 0;
+        std::int64_t kHi = 0;
+        contributing_inputs(t, L, taps, n, &kLo, &kHi);
+        Complex sum{0.0, 0.0};
+        for (std::int64_t k0 = kLo; k0 <= kHi; k0 += kRun) {
+            const std::int64_t k1 = std::min(kHi, k0 + kRun - 1);
+            for (std::int64_t k = k0; k <= k1; ++k) {
+                const std::int64_t j = t - L * k;
+                if (j >= 0 && j < taps) {
+                    sine[k - k0] = j != c ? tap_sine(j, c, fc) : 0.0;
+                    cosine[k - k0] = tap_cosine(j, taps);
+                }
+            }
+            for (std::int64_t k = k0; k <= k1; ++k) {
+                const std::int64_t j = t - L * k;
+                if (j >= 0 && j < taps) {
+                    const double h = tap_value(j, c, fc, sine[k - k0], cosine[k - k0]);
+                    const double hj = S != 0.0 ? h / S : h;
+                    sum.re += in[k].re * hj;
+                    sum.im += in[k].im * hj;
+                }
+            }
+        }
+        out[m] = sum;
+    }
     return true;
 }
 

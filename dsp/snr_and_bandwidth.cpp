@@ -116,7 +116,13 @@ double* CommonFun::pu(const Complex* in, int len, double fs, int N, int flag) {
     HeapArray<Complex> x = heap_alloc<Complex>(N);
     if (!x) return nullptr;
     for (int k = 0; k < N; ++k) x[k] = in[k];
-    {
+    if (N == 16384) {
+        const double* w = hamming_window_16384();
+        for (int k = 0; k < N; ++k) {
+            x[k].re = x[k].re * w[k];
+            x[k].im = x[k].im * w[k];
+        }
+    } else {
         HeapArray<double> w = heap_alloc<double>(N);
         if (!w) return nullptr;
         hamming_window(w.get(), N);

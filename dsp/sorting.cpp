@@ -1,10 +1,12 @@
-// Least-significant-byte radix sort of doubles.
+// Least-significant-digit radix sort of doubles.
 //
 // Key of a value: its 64 bits with the sign bit set for a positive value and
 // every bit inverted for a negative one, so that keys order as the values do
-// (-inf < ... < -min < +0 < min < ... < +inf). Eight passes of one byte, each
-// a stable counting sort; a pass in which every key has the same byte is
-// skipped. One scratch block of n keys besides m itself.
+// (-inf < ... < -min < +0 < min < ... < +inf). Six passes of an 11-bit digit,
+// each a stable counting sort, the counts of all of them taken in one pass
+// over the keys; a digit in which no two keys differ is neither counted nor
+// sorted on (for magnitudes of one scale, the sign and exponent digit). One
+// scratch block of n keys besides m itself.
 #include "sorting.h"
 
 #include <cmath>
@@ -16,6 +18,12 @@
 #include "heap_array.h"
 
 namespace {
+
+// Six digits of 11 bits (the last of 9) cover the 64-bit key.
+constexpr int kDigitBits = 11;
+constexpr int kDigits = 6;
+constexpr int kRadix = 1 << kDigitBits;
+constexpr std::uint64_t kDigitMask = kRadix - 1;
 
 std::uint64_t key_of(double v) {
     std::uint64_t b;
@@ -52,20 +60,47 @@ bool radix_sort_doubles(double* m, int n) {
     if (!scratch) return false;
     // The keys are held in m's own storage and in the scratch block in turn;
     // every access copies the 8 bytes, so nothing is read through a pointer
-    // of another type.
+    // of another type. The counts of every digit are taken in the pass that
+    // forms the keys.
+    HeapArray<std::uint32_t> counts = heap_zeroed<std::uint32_t>(kDigits * kRadix);
+    if (!counts) return false;
     unsigned char* home = reinterpret_cast<unsigned char*>(m);
-    for (int i = 0; i < n; ++i) store_key(home, i, key_of(m[i]));
+    std::uint64_t all = ~std::uint64_t(0), any = 0;
+    for (int i = 0; i < n; ++i) {
+        const std::uint64_t k = key_of(m[i]);
+        store_key(home, i, k);
+        all &= k;
+        any |= k;
+    }
+    // A digit that every key shares leaves the order as it is: only the
+    // digits holding a bit that differs between keys are counted and sorted.
+    const std::uint64_t differing = all ^ any;
+    int digit[kDigits];
+    int active = 0;
+    for (int d = 0; d < kDigits; ++d)
+        if (((differing >> (kDigitBits * d)) & kDigitMask) != 0) digit[active++] = d;
+    for (int i = 0; i < n; ++i) {
+        const std::uint64_t k = load_key(home, i);
+        for (int a = 0; a < active; ++a) {
+            const int d = digit[a];
+            ++counts[d * kRadix + ((k >> (kDigitBits * d)) & kDigitMask)];
+        }
+    }
     unsigned char* src = home;
     unsigned char* dst = reinterpret_cast<unsigned char*>(scratch.get());
-    for (int shift = 0; shift < 64; shift += 8) {
-        std::size_t bucket[257] = {};
-        for (int i = 0; i < n; ++i) ++bucket[((load_key(src, i) >> shift) & 0xFF) + 1];
-        if (bucket[((load_key(src, 0) >> shift) & 0xFF) + 1] == static_cast<std::size_t>(n))
-            continue;
-        for (int d = 0; d < 256; ++d) bucket[d + 1] += bucket[d];
+    for (int a = 0; a < active; ++a) {
+        const int d = digit[a];
+        const int shift = kDigitBits * d;
+        std::uint32_t* c = counts.get() + d * kRadix;
+        std::uint32_t start = 0;
+        for (int v = 0; v < kRadix; ++v) {
+            const std::uint32_t here = c[v];
+            c[v] = start;
+            start += here;
+        }
         for (int i = 0; i < n; ++i) {
             const std::uint64_t k = load_key(src, i);
-            store_key(dst, bucket[(k >> shift) & 0xFF]++, k);
+            store_key(dst, c[(k >> shift) & kDigitMask]++, k);
         }
         std::swap(src, dst);
     }

@@ -21,6 +21,9 @@
 #include <cstdint>
 #include <cstring>
 #include <utility>
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
 
 #include "CommonFun.h"
 #include "safe_convert.h"
@@ -39,47 +42,108 @@ constexpr double kPreTaps[5] = {-1.16138e-06, -0.633281, 1.0, -0.633281, -1.1613
 int strongestPhase(const Complex* in, int sps, int symbols) {
     HeapArray<double> acc = heap_zeroed<double>(sps);
     if (!acc) return -1;
-    const std::int64_t whole = static_cast<std::int64_t>(sps) * symbols;
-    for (std::int64_t i = 0; i < whole; ++i) acc[i % sps] += Complex_abs2(in[i]);
+    // Symbol by symbol, so each phase's sum still runs in sample order.
+    const Complex* x = in;
+    for (int s = 0; s < symbols; ++s, x += sps)
+        for (int p = 0; p < sps; ++p) acc[p] += Complex_abs2(x[p]);
     int best = 0;
     for (int p = 1; p < sps; ++p)
         if (acc[p] > acc[best]) best = p;
     return best;
 }
 
+// The two rails of one strobe, I and Q, side by side. Every operation acts on
+// each part alone, exactly as the scalar expression would on each rail (with
+// SSE2, one instruction for both).
+struct Pair {
+#ifdef __SSE2__
+    __m128d v;
+    static Pair of(double a) { return Pair{_mm_set1_pd(a)}; }
+    static Pair load(const Complex& c) { return Pair{_mm_loadu_pd(&c.re)}; }
+    double i() const { return _mm_cvtsd_f64(v); }
+    double q() const { return _mm_cvtsd_f64(_mm_unpackhi_pd(v, v)); }
+#else
+    double a, b;
+    static Pair of(double x) { return Pair{x, x}; }
+    static Pair load(const Complex& c) { return Pair{c.re, c.im}; }
+    double i() const { return a; }
+    double q() const { return b; }
+#endif
+    Complex complex() const { return Complex{i(), q()}; }
+};
+#ifdef __SSE2__
+Pair operator+(Pair x, Pair y) { return Pair{_mm_add_pd(x.v, y.v)}; }
+Pair operator-(Pair x, Pair y) { return Pair{_mm_sub_pd(x.v, y.v)}; }
+Pair operator*(Pair x, Pair y) { return Pair{_mm_mul_pd(x.v, y.v)}; }
+Pair operator/(Pair x, Pair y) { return Pair{_mm_div_pd(x.v, y.v)}; }
+#else
+Pair operator+(Pair x, Pair y) { return Pair{x.a + y.a, x.b + y.b}; }
+Pair operator-(Pair x, Pair y) { return Pair{x.a - y.a, x.b - y.b}; }
+Pair operator*(Pair x, Pair y) { return Pair{x.a * y.a, x.b * y.b}; }
+Pair operator/(Pair x, Pair y) { return Pair{x.a / y.a, x.b / y.b}; }
+#endif
+
 // Piecewise-parabolic interpolant between x[m] and x[m+1] at fraction mu,
 // with the left neighbour x[p] (p = m-1, clamped to 0 at the block start);
 // the four samples are passed as values xp, xm, xm1, xm2.
-double parabolic(double xp, double xm, double xm1, double xm2, double mu) {
-    const double c2 = 0.5 * xm2 - 0.5 * xm1 - 0.5 * xm + 0.5 * xp;
-    const double c1 = -0.5 * xm2 + 1.5 * xm1 - 0.5 * xm - 0.5 * xp;
-    return (c2 * mu + c1) * mu + xm;
+Pair parabolic(Pair xp, Pair xm, Pair xm1, Pair xm2, double mu) {
+    const Pair h = Pair::of(0.5), mh = Pair::of(-0.5), h3 = Pair::of(1.5), u = Pair::of(mu);
+    const Pair c2 = h * xm2 - h * xm1 - h * xm + h * xp;
+    const Pair c1 = mh * xm2 + h3 * xm1 - h * xm - h * xp;
+    return (c2 * u + c1) * u + xm;
 }
 
-// The recent strobe values of one rail: a ring of the last eight strobes,
-// zero where a strobe was never written (the start of a resumed block), read
-// and written by absolute strobe number.
-struct StrobeRing {
-    double v[8] = {0, 0, 0, 0, 0, 0, 0, 0};
-    double& operator[](std::int64_t i) { return v[i & 7]; }
-    double operator[](std::int64_t i) const { return v[i & 7]; }
+// The last five strobe values, newest first (y0 is strobe i, y4 strobe
+// i - 4), and the pre-filtered values of the newest three: kept in registers
+// rather than in a ring in memory, since the loop's critical path runs
+// through them. A strobe that was never written reads as zero.
+struct StrobeHistory {
+    Pair y0 = Pair::of(0), y1 = y0, y2 = y0, y3 = y0, y4 = y0;
+    Pair f0 = y0, f1 = y0, f2 = y0;
+
+    // Strobe i: the first six strobes pass unfiltered, later ones go through
+    // the five taps over strobes i .. i-4 (newest first).
+    void push(Pair y, std::int64_t i) {
+        y4 = y3;
+        y3 = y2;
+        y2 = y1;
+        y1 = y0;
+        y0 = y;
+        Pair f = y0;
+        if (i > 5) {
+            Pair acc = Pair::of(0.0);
+            acc = acc + y0 * Pair::of(kPreTaps[0]);
+            acc = acc + y1 * Pair::of(kPreTaps[1]);
+            acc = acc + y2 * Pair::of(kPreTaps[2]);
+            acc = acc + y3 * Pair::of(kPreTaps[3]);
+            acc = acc + y4 * Pair::of(kPreTaps[4]);
+            f = acc;
+        }
+        f2 = f1;
+        f1 = f0;
+        f0 = f;
+    }
 };
 
-// Pre-filtered value at strobe i: the first six strobes pass unfiltered,
-// later ones go through the five taps over strobes i-4 .. i.
-double prefilter(const StrobeRing& y, std::int64_t i) {
-    if (i <= 5) return y[i];
-    double acc = 0.0;
-    for (int t = 0; t < 5; ++t) acc += y[i - t] * kPreTaps[t];
-    return acc;
+// Gardner error at the symbol strobe i (even): the I rail's term plus the
+// Q rail's.
+double timingError(const StrobeHistory& h, std::int64_t i) {
+    if (i <= 2) {
+        const Pair t = h.f1 * h.f0;
+        return t.i() + t.q();
+    }
+    // (f0 + f2) / 2, the halving formed as the (equal, exact) product by 0.5.
+    const Pair a = (h.f0 + h.f2) * Pair::of(0.5);
+    const Pair t = (h.f1 - a) * (h.f0 - h.f2);
+    return t.i() + t.q();
 }
 
-// Gardner error at the symbol strobe i (even).
-double timingError(const StrobeRing& fI, const StrobeRing& fQ, std::int64_t i) {
-    if (i <= 2) return fI[i - 1] * fI[i] + fQ[i - 1] * fQ[i];
-    const double aI = (fI[i] + fI[i - 2]) / 2;
-    const double aQ = (fQ[i] + fQ[i - 2]) / 2;
-    return (fI[i - 1] - aI) * (fI[i] - fI[i - 2]) + (fQ[i - 1] - aQ) * (fQ[i] - fQ[i - 2]);
+// floor(eta) for an NCO underflow, which almost always lies in [-1, 0): the
+// floor is then -1 without the conversions of a general floor, which would
+// sit on the loop's critical path.
+double floorOfUnderflow(double eta) {
+    if (eta >= -1.0 && eta < 0.0) return -1.0;
+    return std::floor(eta);
 }
 
 }  // namespace
@@ -158,7 +222,7 @@ void CommonFun::Gardner(const Complex* in, int n, double fs, double Rs, double C
     double stepNow = 2 * Rs / fs;  // loop step W[k]
     double muNow = kMuStart;    // fractional interval of strobe i
     double errPrev = 0.0;       // e[k - 1]
-    StrobeRing yI, yQ, fI, fQ;
+    StrobeHistory h;            // strobes i, i-1, ... (the last written one first)
     std::int64_t m = 0, k = 0, i = 0;
     int count = 0;
     const bool resumed = gardnerContinue != 0 && gardnerTailCount > 0;
@@ -172,10 +236,8 @@ void CommonFun::Gardner(const Complex* in, int n, double fs, double Rs, double C
         stepNow = gardnerW;
         muNow = i < strobeLimit ? gardnerMu : kMuStart;
         if (i > 1 && i <= strobeLimit) {
-            fI[i - 2] = gardnerYI[0];
-            fI[i - 1] = gardnerYI[1];
-            fQ[i - 2] = gardnerYQ[0];
-            fQ[i - 1] = gardnerYQ[1];
+            h.f2 = Pair::load(Complex{gardnerYI[0], gardnerYQ[0]});
+            h.f1 = Pair::load(Complex{gardnerYI[1], gardnerYQ[1]});
         }
         errPrev = gardnerLastErr;
     }
@@ -188,35 +250,36 @@ void CommonFun::Gardner(const Complex* in, int n, double fs, double Rs, double C
 
     // Unit-RMS samples, each scaled once when the interpolator first needs
     // it; the last eight are kept (it reads m-1 .. m+2).
-    double sI[8] = {0, 0, 0, 0, 0, 0, 0, 0};
-    double sQ[8] = {0, 0, 0, 0, 0, 0, 0, 0};
+    Pair scaled[8];
+    const Pair rr = Pair::of(r);
     std::int64_t scaledNext = 0;
+    bool stoppedAtLimit = false;  // i was advanced past the last written strobe
 
     // 5. The loop, over whole-symbol samples; the interpolator reads m+2.
     for (; m < N - 2; ++m) {
         const double eta = ncoNow - stepNow;
         const double ncoPrev = ncoNow;
-        ncoNow = eta > 0 ? eta : eta - std::floor(eta);
+        ncoNow = eta > 0 ? eta : eta - floorOfUnderflow(eta);
         if (m + 1 == N - 2) ncoAtEnd = ncoNow;
         if (eta > 0) continue;
         ++i;
-        if (i >= strobeLimit) break;
+        if (i >= strobeLimit) {
+            stoppedAtLimit = true;
+            break;
+        }
         muNow = ncoPrev / stepNow;
 
         const std::int64_t p = m > 0 ? m - 1 : 0;
         while (scaledNext <= m + 2) {
-            const Complex& v = joined(scaledNext);
-            sI[scaledNext & 7] = v.re / r;
-            sQ[scaledNext & 7] = v.im / r;
+            scaled[scaledNext & 7] = Pair::load(joined(scaledNext)) / rr;
             ++scaledNext;
         }
-        yI[i] = parabolic(sI[p & 7], sI[m & 7], sI[(m + 1) & 7], sI[(m + 2) & 7], muNow);
-        yQ[i] = parabolic(sQ[p & 7], sQ[m & 7], sQ[(m + 1) & 7], sQ[(m + 2) & 7], muNow);
-        fI[i] = prefilter(yI, i);
-        fQ[i] = prefilter(yQ, i);
+        h.push(parabolic(scaled[p & 7], scaled[m & 7], scaled[(m + 1) & 7],
+                         scaled[(m + 2) & 7], muNow),
+               i);
         if (i % 2 != 0) continue;  // mid-symbol strobe
 
-        const double e = timingError(fI, fQ, i);
+        const double e = timingError(h, i);
         const double diff = k == 0 ? e : e - errPrev;
         const double stepNext = stepNow + C1 * diff + C2 * e;
         // The symbol budget, and the caller's capacity of n symbols, which
@@ -227,7 +290,7 @@ void CommonFun::Gardner(const Complex* in, int n, double fs, double Rs, double C
             (void)stepNext;
             break;
         }
-        out[count] = Complex{yI[i], yQ[i]};
+        out[count] = h.y0.complex();
         ++count;
         ++k;
         stepNow = stepNext;
@@ -246,10 +309,16 @@ void CommonFun::Gardner(const Complex* in, int n, double fs, double Rs, double C
     if (i < 2 || i > strobeLimit) {
         gardnerYI[0] = gardnerYI[1] = 0.0;
         gardnerYQ[0] = gardnerYQ[1] = 0.0;
+    } else if (stoppedAtLimit) {
+        // Strobe i was counted but never written: i-1 is the newest.
+        gardnerYI[0] = h.f1.i();
+        gardnerYI[1] = h.f0.i();
+        gardnerYQ[0] = h.f1.q();
+        gardnerYQ[1] = h.f0.q();
     } else {
-        gardnerYI[0] = fI[i - 2];
-        gardnerYI[1] = fI[i - 1];
-        gardnerYQ[0] = fQ[i - 2];
-        gardnerYQ[1] = fQ[i - 1];
+        gardnerYI[0] = h.f2.i();
+        gardnerYI[1] = h.f1.i();
+        gardnerYQ[0] = h.f2.q();
+        gardnerYQ[1] = h.f1.q();
     }
 }

@@ -69,6 +69,16 @@ void toFourSamplesPerSymbol(CommonFun& fe, Complex* work, Complex* spare, uint32
     }
 }
 
+// Input samples per analysis sample when the interpolator's step
+// fs / (4 Rb) is a whole number (above four samples per symbol), else 0.
+// Then every interpolated sample falls on a captured one.
+int wholeFarrowStep(double fs, double rb) {
+    if (!(fs / rb > 4)) return 0;
+    const double step = fs / (4 * rb);
+    if (!(step <= 65536.0) || step != std::floor(step)) return 0;
+    return static_cast<int>(step);
+}
+
 // Removes the residual carrier fc (Hz) found by the refinement stage:
 // x[i] *= exp(j * (i / fs) * (fc * -2 pi)), products formed in that order.
 void removeResidualCarrier(Complex* work, uint32_t n, double fs, int fc) {
@@ -165,14 +175,30 @@ int runFrontEnd(CommonFun& frontEnd, const ExParamOut& copy, const int16_t* I, c
         isDigital(block.family) ? workCapacity(inLen, rb, block.fs, block.family) : inLen;
     block.work = heap_alloc<Complex>(block.capacity);
     if (!block.work) return -4;
-    frontEnd.correctDF(I, Q, static_cast<int>(inLen), block.fs, df, block.work.get());
-
     // The second buffer is taken for every family, so that running out of
     // memory ends every call the same way; only the rate change uses it.
     HeapArray<Complex> spare = heap_alloc<Complex>(block.capacity);
     if (!spare) return -4;  // the work buffer is released with the block
-    if (changesRate(block.family)) {
-        toFourSamplesPerSymbol(frontEnd, block.work.get(), spare.get(), block.n, block.fs, rb);
+
+    const int whole = changesRate(block.family) && frontEnd.farrowInitialised == 0
+                          ? wholeFarrowStep(block.fs, rb)
+                          : 0;
+    if (whole > 0) {
+        // Mixing and interpolation in one pass that mixes only the samples
+        // the interpolated ones are made of. The SNR stage reads the first
+        // kSnrLength values of the buffer, which for a short block reach past
+        // the interpolated samples into the mixed ones: those are mixed too.
+        int produced = 0;
+        frontEnd.correctDFDecimated(I, Q, static_cast<int>(inLen), block.fs, df, whole,
+                                    kSnrLength, block.work.get(), &produced);
+        block.n = static_cast<uint32_t>(produced);
+        block.fs = 4 * rb;
+    } else {
+        frontEnd.correctDF(I, Q, static_cast<int>(inLen), block.fs, df, block.work.get());
+        if (changesRate(block.family)) {
+            toFourSamplesPerSymbol(frontEnd, block.work.get(), spare.get(), block.n, block.fs,
+                                   rb);
+        }
     }
     spare.reset();
 

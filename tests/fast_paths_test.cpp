@@ -41,6 +41,36 @@ void conv2(const Complex* x, int n, const float* h, int L, Complex* y, int* ylen
     *ylen = count;
 }
 
+// Radix-2 FFT with the twiddle advanced by complex multiplication in every
+// block, and the Hamming window, as the chain formed them on every call.
+void fft(Complex* x, int n) {
+    int j = 0;
+    for (int i = 0; i < n; ++i) {
+        if (i < j) std::swap(x[i], x[j]);
+        int m = n / 2;
+        while (m >= 1 && j >= m) {
+            j -= m;
+            m /= 2;
+        }
+        j += m;
+    }
+    CommonFun cf;
+    for (int len = 2; len <= n; len *= 2) {
+        const Complex w = Complex_exp_j(-6.283185307179586 / len);
+        const int half = len / 2;
+        for (int start = 0; start < n; start += len) {
+            Complex wk{1.0, 0.0};
+            for (int k = 0; k < half; ++k) {
+                const Complex u = x[start + k];
+                const Complex t = cf.Complex_mul(x[start + k + half], wk);
+                x[start + k] = Complex_add(u, t);
+                x[start + k + half] = Complex_sub(u, t);
+                wk = cf.Complex_mul(wk, w);
+            }
+        }
+    }
+}
+
 }  // namespace plain
 
 namespace {
@@ -79,6 +109,130 @@ TEST(FastPaths, Conv2MatchesPlainLoop) {
             EXPECT_TRUE(sameBits(x, want)) << "in place, L " << L << " count " << count;
         }
     }
+}
+
+// Mixer and whole-step interpolator in one pass against the two stages run in
+// turn, as the front end runs them (interpolated samples copied over the start
+// of the mixed block): outputs, the mixed samples up to `keep`, the count and
+// both stages' state. Zero samples force the full weighted sum; an infinite
+// phase step makes every sample NaN.
+TEST(FastPaths, MixAndWholeStepInterpolationMatchTwoStages) {
+    std::mt19937 rng(13);
+    std::uniform_int_distribution<int> u(-32768, 32767);
+    for (int factor : {1, 2, 3, 4, 8, 16}) {
+        for (int n : {1, 2, 3, 4, 5, 18, 1001, 4099}) {
+            for (int variant = 0; variant < 4; ++variant) {
+                const double fsOut = variant == 3 ? 1e-305 : 1e5;
+                const double fs = fsOut * factor;
+                ASSERT_EQ(fs / fsOut, factor);
+                const int df = variant == 0 ? 0 : (variant == 1 ? 1234 : -310);
+                const int keep = (n / factor + n) / 2 + variant;
+                std::vector<short> I(static_cast<size_t>(n)), Q(I.size());
+                for (int i = 0; i < n; ++i) {
+                    I[i] = static_cast<short>(i % 5 == 2 ? 0 : u(rng));
+                    Q[i] = static_cast<short>(i % 7 == 3 ? 0 : u(rng));
+                }
+                CommonFun ref, fast;
+                ref.mixerPhase = fast.mixerPhase = variant == 2 ? 12345.678 : 0.0;
+                std::vector<Complex> want(I.size() + 1), spare(want.size()), got(want.size());
+                ref.correctDF(I.data(), Q.data(), n, fs, df, want.data());
+                int wl = -1, gl = -1;
+                ref.FarrowInterp(want.data(), n, fsOut, fs, spare.data(), &wl);
+                std::copy(spare.begin(), spare.begin() + wl, want.begin());
+                fast.correctDFDecimated(I.data(), Q.data(), n, fs, df, factor, keep, got.data(),
+                                        &gl);
+                ASSERT_EQ(gl, wl) << factor << " " << n;
+                const size_t upTo = static_cast<size_t>(std::max(wl, std::min(keep, n)));
+                EXPECT_EQ(std::memcmp(got.data(), want.data(), upTo * sizeof(Complex)), 0)
+                    << "factor " << factor << " n " << n << " variant " << variant;
+                EXPECT_EQ(std::memcmp(fast.farrowHistory, ref.farrowHistory,
+                                      sizeof ref.farrowHistory), 0);
+                const double fd[] = {fast.mixerPhase, fast.farrowMu};
+                const double rd[] = {ref.mixerPhase, ref.farrowMu};
+                EXPECT_EQ(std::memcmp(fd, rd, sizeof fd), 0) << factor << " " << n;
+                EXPECT_EQ(fast.farrowNextIndex, ref.farrowNextIndex);
+                EXPECT_EQ(fast.farrowInitialised, ref.farrowInitialised);
+            }
+        }
+    }
+}
+
+// The I/Q sums formed in integers against the double running sums, at full
+// scale (the largest terms) and on random samples.
+TEST(FastPaths, IqFiguresMatchDoubleSums) {
+    std::mt19937 rng(17);
+    std::uniform_int_distribution<int> u(-32768, 32767);
+    for (int n : {1, 3, 1000, 320000}) {
+        for (int variant = 0; variant < 2; ++variant) {
+            std::vector<int16_t> I(static_cast<size_t>(n)), Q(I.size());
+            for (int k = 0; k < n; ++k) {
+                I[k] = static_cast<int16_t>(variant == 0 ? -32768 : u(rng));
+                Q[k] = static_cast<int16_t>(variant == 0 ? (k % 3 ? -32768 : 32767) : u(rng));
+            }
+            double sI = 0.0, sQ = 0.0, sII = 0.0, sQQ = 0.0, sIQ = 0.0;
+            for (int k = 0; k < n; ++k) {
+                const int32_t i = I[k], q = Q[k];
+                sI += i;
+                sQ += q;
+                sII += static_cast<double>(i * i);
+                sQQ += static_cast<double>(q * q);
+                sIQ += static_cast<double>(i * q);
+            }
+            const double mI = sI / n, mQ = sQ / n, rI = std::sqrt(sII / n),
+                         rQ = std::sqrt(sQQ / n);
+            const double x = std::min(1.0, std::max(-1.0, (sIQ / n) / (rI * rQ)));
+            const double want[] = {std::sqrt(mI * mI + mQ * mQ), rI / rQ, std::asin(x)};
+            DisplayData d{};
+            CommonFun().calcIQParams(I.data(), Q.data(), n, &d);
+            const double got[] = {d.iqOffset, d.iqGainRatio, d.quadError};
+            EXPECT_EQ(std::memcmp(got, want, sizeof want), 0) << n << " " << variant;
+        }
+    }
+}
+
+// The remainder by 2 pi against libm's fmod: random angles within two periods
+// and far beyond, the period's multiples and their neighbours, zeros,
+// infinities and NaN.
+TEST(FastPaths, RemainderByTwoPiMatchesFmod) {
+    const double P = 6.283185307179586;
+    std::vector<double> xs = {0.0, -0.0, P, -P, 2 * P, -2 * P, 3 * P, 1e300, -1e-310,
+                              std::numeric_limits<double>::infinity(),
+                              -std::numeric_limits<double>::infinity(), std::nan("")};
+    for (double m : {P, 2 * P, 4 * P}) {
+        for (double x : {std::nextafter(m, 0.0), std::nextafter(m, 1e9)}) {
+            xs.push_back(x);
+            xs.push_back(-x);
+        }
+    }
+    std::mt19937_64 rng(19);
+    std::uniform_real_distribution<double> near(-4.5 * P, 4.5 * P), far(-1e6, 1e6);
+    for (int i = 0; i < 200000; ++i) xs.push_back(i % 2 ? near(rng) : far(rng));
+    for (double x : xs) {
+        const double want = std::fmod(x, P), got = fmod_two_pi(x);
+        ASSERT_EQ(std::memcmp(&got, &want, 8), 0) << x;
+    }
+}
+
+// The tabled, paired FFT against the recursion in every block, on noise, on
+// int16-scale samples and with infinities and NaN in the input; the kept
+// window against a fresh one.
+TEST(FastPaths, FftMatchesPlainRecursion) {
+    std::mt19937 rng(23);
+    for (int variant = 0; variant < 3; ++variant) {
+        std::vector<Complex> x = randomBlock(rng, 16384, variant == 1 ? 30000.0 : 1.0);
+        if (variant == 2) {
+            x[5].re = std::numeric_limits<double>::infinity();
+            x[900].im = std::nan("");
+            x[16000] = Complex{-std::numeric_limits<double>::infinity(), 0.0};
+        }
+        std::vector<Complex> want = x;
+        plain::fft(want.data(), 16384);
+        CommonFun().fft_radix2(x.data(), 16384);
+        EXPECT_TRUE(sameBits(x, want)) << "variant " << variant;
+    }
+    std::vector<double> w(16384);
+    hamming_window(w.data(), 16384);
+    EXPECT_EQ(std::memcmp(w.data(), hamming_window_16384(), sizeof(double) * 16384), 0);
 }
 
 // normStar's selection of the largest magnitudes against the full qsort, for
