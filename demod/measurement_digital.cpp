@@ -147,8 +147,12 @@ void askDecisions(const std::vector<cd>& r, std::vector<cd>& a) {
             }
         }
         if (nl == 0 || nh == 0) break;
-        lo = sl / double(nl);
-        hi = sh / double(nh);
+        const double newLo = sl / double(nl), newHi = sh / double(nh);
+        // The split is final once the two means stop moving.
+        const bool settled = newLo == lo && newHi == hi;
+        lo = newLo;
+        hi = newHi;
+        if (settled) break;
     }
     const double thr = 0.5 * (lo + hi);
     a.resize(r.size());
@@ -220,7 +224,8 @@ PhaseLine fitLine(const std::vector<cd>& z, const Instants& t, const Constellati
                   std::vector<cd>& norm);
 
 // The fit on a long block first runs on every stride-th symbol (some 8192 of
-// them) until it settles, then once on all: the line is then already right
+// them) until it settles, then once on all (not for ASK, whose levels are
+// measured from the decisions and need the whole block at low SNR): the line is then already right
 // to a fraction of the noise, so one full-length pass (the costly one) takes
 // the decisions it would keep.
 PhaseLine decisionDirectedLine(const std::vector<cd>& z, const Instants& t, const Constellation& c,
@@ -279,7 +284,10 @@ PhaseLine fitLine(const std::vector<cd>& z, const Instants& t, const Constellati
         if (den > 0.0) line.gain *= std::abs(num) / den;
         // Settled: same decisions, and the line moved by under a microradian
         // anywhere in the block.
-        const bool settled = previous == ideal && std::fabs(dp) < 1e-6 &&
+        // ASK levels are re-measured from the decisions on every round and
+        // move by rounding alone, so there the line's movement decides.
+        const bool sameDecisions = family == MT_ASK ? it > 0 : previous == ideal;
+        const bool settled = sameDecisions && std::fabs(dp) < 1e-6 &&
                              std::fabs(dw) * double(K) * t.T < 1e-6;
         if (settled) break;
     }
