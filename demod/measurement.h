@@ -21,7 +21,7 @@ constexpr double kAnalysisSps = 4.0;
 
 struct MeasurementPipeline {
     // Inputs.
-    std::vector<vantrel::meas::cd> raw;  // I + jQ in int16 units
+    vantrel::meas::WorkVec<vantrel::meas::cd> raw;  // I + jQ in int16 units
     double fs = 0.0;                     // sample rate, Hz
     double rb = 0.0;                     // nominal symbol rate, Hz (digital)
     uint32_t mode = 0;
@@ -32,7 +32,7 @@ struct MeasurementPipeline {
 
     // Symbol clock (digital families).
     vantrel::meas::SymbolClock clock;
-    std::vector<double> instants;  // symbol instants, in samples of the analysis stream
+    vantrel::meas::WorkVec<double> instants;  // symbol instants, in samples of the analysis stream
     double instantSps = 0.0;       // samples per symbol of that stream (raw: fs / rb)
 
     // Carrier model: phase(n) = 2 pi carrierHz n / fs + phase0 (radians).
@@ -42,12 +42,12 @@ struct MeasurementPipeline {
     // Symbol-domain results (PSK, QAM, ASK): matched-filter outputs at the
     // instants with the carrier removed and the I/Q impairments compensated,
     // normalised to the ideal grid, and the decided ideal points.
-    std::vector<vantrel::meas::cd> symbols;
-    std::vector<vantrel::meas::cd> ideal;
+    vantrel::meas::WorkVec<vantrel::meas::cd> symbols;
+    vantrel::meas::WorkVec<vantrel::meas::cd> ideal;
     // FSK: the per-symbol mean frequency (Hz, carrier removed) and the
     // decided levels (+-1, and +-3 for four levels).
-    std::vector<double> fskFrequency;
-    std::vector<int> fskLevel;
+    vantrel::meas::WorkVec<double> fskFrequency;
+    vantrel::meas::WorkVec<int> fskLevel;
 
     // I/Q impairment model of the raw samples: raw = alpha s + beta conj(s) + dc.
     vantrel::meas::cd alpha{1.0, 0.0}, beta{0.0, 0.0}, dc{0.0, 0.0};
@@ -62,7 +62,7 @@ void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m);
 void measureErrorVector(const MeasurementPipeline& p, VantrelMeasurement& m);
 // The raw block (sps samples per symbol) at kAnalysisSps, through a filter
 // flat to `edge` symbol rates and free of aliases and images beyond it.
-std::vector<vantrel::meas::cd> to_analysis_rate(const std::vector<vantrel::meas::cd>& raw,
+vantrel::meas::WorkVec<vantrel::meas::cd> to_analysis_rate(const vantrel::meas::WorkVec<vantrel::meas::cd>& raw,
                                                 double sps, double edge);
 // The whole measurement of one block (what VantrelMeasure runs after its
 // checks): fills m and leaves every intermediate result in p. Inputs of p

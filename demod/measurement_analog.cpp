@@ -22,33 +22,34 @@
 #include "measurement.h"
 
 using vantrel::meas::cd;
+using vantrel::meas::WorkVec;
 
 namespace {
 
 constexpr double kTwoPi = 6.283185307179586;
 
 // Strongest line of a real sequence, cycles per sample in [0, 0.5].
-double toneOf(const std::vector<double>& r) {
+double toneOf(const WorkVec<double>& r) {
     double mean = 0.0;
     for (double v : r) mean += v;
     mean /= double(r.size());
-    std::vector<cd> c(r.size());
+    WorkVec<cd> c(r.size());
     for (std::size_t i = 0; i < r.size(); ++i) c[i] = cd(r[i] - mean, 0.0);
     return std::fabs(vantrel::meas::strongest_line(c.data(), c.size(), true, nullptr, nullptr));
 }
 
 // In-phase component after removing a carrier of f cycles per sample and
 // phase phi.
-std::vector<double> inPhase(const std::vector<cd>& x, double f, double phi) {
-    std::vector<double> r(x.size());
+WorkVec<double> inPhase(const WorkVec<cd>& x, double f, double phi) {
+    WorkVec<double> r(x.size());
     for (std::size_t n = 0; n < x.size(); ++n)
         r[n] = (x[n] * std::polar(1.0, -(kTwoPi * std::fmod(f * double(n), 1.0) + phi))).real();
     return r;
 }
 
 // Instantaneous frequency (cycles per sample) and unwrapped phase.
-void phaseAndFrequency(const std::vector<cd>& x, std::vector<double>& phase,
-                       std::vector<double>& freq) {
+void phaseAndFrequency(const WorkVec<cd>& x, WorkVec<double>& phase,
+                       WorkVec<double>& freq) {
     const std::size_t n = x.size();
     phase.assign(n, 0.0);
     freq.assign(n, 0.0);
@@ -65,7 +66,7 @@ void phaseAndFrequency(const std::vector<cd>& x, std::vector<double>& phase,
 // Frequency-discriminator lock: the residual of the fitted frequency model
 // is small against the spread of a noise-only discriminator (1/sqrt(12)
 // cycles per sample).
-bool discriminatorLocked(const std::vector<double>& freq, const vantrel::meas::ToneFit& fit,
+bool discriminatorLocked(const WorkVec<double>& freq, const vantrel::meas::ToneFit& fit,
                          double f) {
     double res = 0.0;
     for (std::size_t n = 0; n < freq.size(); ++n) {
@@ -79,7 +80,7 @@ bool discriminatorLocked(const std::vector<double>& freq, const vantrel::meas::T
 }  // namespace
 
 void measureAnalog(MeasurementPipeline& p, VantrelMeasurement& m) {
-    const std::vector<cd>& x = p.raw;
+    const WorkVec<cd>& x = p.raw;
     const std::size_t n = x.size();
     if (n < 64 || !(p.fs > 0.0)) return;
     const double fs = p.fs;
@@ -94,7 +95,7 @@ void measureAnalog(MeasurementPipeline& p, VantrelMeasurement& m) {
         m.carrierOffsetHz = p.carrierHz;
         if (strength > 0.2) m.flags |= VANTREL_MEAS_CARRIER_LOCKED;
         if (p.mode == MOD_ANALOG_AM) {
-            const std::vector<double> r = inPhase(x, f, p.phase0);
+            const WorkVec<double> r = inPhase(x, f, p.phase0);
             const double tone = toneOf(r);
             const vantrel::meas::ToneFit fit = vantrel::meas::fit_tone(r.data(), n, tone, false);
             m.modulationRateHz = tone * fs;
@@ -103,7 +104,7 @@ void measureAnalog(MeasurementPipeline& p, VantrelMeasurement& m) {
         break;
     }
     case MOD_ANALOG_FM: {
-        std::vector<double> phase, freq;
+        WorkVec<double> phase, freq;
         phaseAndFrequency(x, phase, freq);
         const double tone = toneOf(freq);
         const vantrel::meas::ToneFit fit = vantrel::meas::fit_tone(freq.data(), n, tone, false);
@@ -117,7 +118,7 @@ void measureAnalog(MeasurementPipeline& p, VantrelMeasurement& m) {
         break;
     }
     case MOD_ANALOG_PM: {
-        std::vector<double> phase, freq;
+        WorkVec<double> phase, freq;
         phaseAndFrequency(x, phase, freq);
         const double tone = toneOf(freq);
         const vantrel::meas::ToneFit fit = vantrel::meas::fit_tone(phase.data(), n, tone, true);
@@ -130,7 +131,7 @@ void measureAnalog(MeasurementPipeline& p, VantrelMeasurement& m) {
         break;
     }
     default: {  // in-phase waveforms
-        std::vector<cd> sq(n);
+        WorkVec<cd> sq(n);
         for (std::size_t i = 0; i < n; ++i) sq[i] = x[i] * x[i];
         cd amp;
         double strength = 0.0;
@@ -139,7 +140,7 @@ void measureAnalog(MeasurementPipeline& p, VantrelMeasurement& m) {
         p.phase0 = 0.5 * std::arg(amp);
         m.carrierOffsetHz = p.carrierHz;
         if (strength > 0.1) m.flags |= VANTREL_MEAS_CARRIER_LOCKED;
-        const std::vector<double> r = inPhase(x, 0.5 * f2, p.phase0);
+        const WorkVec<double> r = inPhase(x, 0.5 * f2, p.phase0);
         m.modulationRateHz = toneOf(r) * fs;
         break;
     }

@@ -5,6 +5,7 @@
 #include "measurement.h"
 
 using vantrel::meas::cd;
+using vantrel::meas::WorkVec;
 
 void measureBand(const MeasurementPipeline& p, double guardHz, VantrelMeasurement& m) {
     const std::size_t n = p.raw.size();
@@ -18,7 +19,7 @@ void measureBand(const MeasurementPipeline& p, double guardHz, VantrelMeasuremen
     while (nfft * 4 > n && nfft > 64) nfft >>= 1;
     // 24 segments average the noise floor to about a fifth of its spread,
     // inside the figures' accuracy; more would only cost time.
-    const std::vector<double> psd = vantrel::meas::welch_psd(p.raw, nfft, p.dc, 24);
+    const WorkVec<double> psd = vantrel::meas::welch_psd(p.raw, nfft, p.dc, 24);
     const vantrel::meas::BandFigures b =
         vantrel::meas::occupied_band(psd, p.fs, p.carrierHz, guardHz);
     m.occupiedBandwidthHz = b.obwHz;

@@ -24,6 +24,7 @@
 #include "measurement.h"
 
 using vantrel::meas::cd;
+using vantrel::meas::WorkVec;
 
 namespace {
 
@@ -34,7 +35,7 @@ constexpr double kTwoPi = 6.283185307179586;
 // and on the unit circle for PSK. ASK is handled apart (its levels are
 // measured).
 struct Constellation {
-    std::vector<cd> points;
+    WorkVec<cd> points;
     int side = 0;       // QAM: points per row of the full square grid
     int corner = 1000;  // QAM: |i| and |q| both beyond it are absent (cross shapes)
 };
@@ -81,7 +82,7 @@ cd integerPower(cd z, int M) {
     return r;
 }
 
-double meanPower(const std::vector<cd>& v) {
+double meanPower(const WorkVec<cd>& v) {
     double p = 0.0;
     for (const cd& z : v) p += std::norm(z);
     return v.empty() ? 0.0 : p / double(v.size());
@@ -125,10 +126,10 @@ cd nearest(const Constellation& c, cd z) {
 
 // Two-level decisions of ASK on the real axis: the levels are the means of
 // the two clusters (k-means from the 10th and 90th percentiles).
-void askDecisions(const std::vector<cd>& r, std::vector<cd>& a) {
-    std::vector<double> re(r.size());
+void askDecisions(const WorkVec<cd>& r, WorkVec<cd>& a) {
+    WorkVec<double> re(r.size());
     for (std::size_t k = 0; k < r.size(); ++k) re[k] = r[k].real();
-    std::vector<double> work = re;
+    WorkVec<double> work = re;
     std::nth_element(work.begin(), work.begin() + long(work.size() / 10), work.end());
     double lo = work[work.size() / 10];
     std::nth_element(work.begin(), work.begin() + long(work.size() * 9 / 10), work.end());
@@ -169,8 +170,8 @@ struct Instants {
 // exp(j (phase0 + omega t_k)) for every instant: advanced by one complex
 // multiplication per symbol and re-seeded from the exact phase every 256
 // symbols, so the error stays near 1e-14 without a sine per symbol.
-std::vector<cd> rotations(double phase0, double omega, const Instants& t) {
-    std::vector<cd> r(t.count);
+WorkVec<cd> rotations(double phase0, double omega, const Instants& t) {
+    WorkVec<cd> r(t.count);
     const cd step = std::polar(1.0, omega * t.T);
     cd v(1.0, 0.0);
     for (std::size_t k = 0; k < t.count; ++k) {
@@ -186,8 +187,8 @@ struct PhaseLine {
     cd gain{1.0, 0.0};    // grid units -> stream units
 };
 
-void decide(const std::vector<cd>& norm, const Constellation& c, ModType family,
-            std::vector<cd>& ideal) {
+void decide(const WorkVec<cd>& norm, const Constellation& c, ModType family,
+            WorkVec<cd>& ideal) {
     if (family == MT_ASK) {
         askDecisions(norm, ideal);
         return;
@@ -204,7 +205,7 @@ void decide(const std::vector<cd>& norm, const Constellation& c, ModType family,
 // Starting line of the decision-directed fit: the phase from the M-th power
 // of the symbols against the alphabet's own M-th power, no residual
 // frequency, and the gain that matches the mean powers.
-PhaseLine blindLine(const std::vector<cd>& z, const Constellation& c, ModType family, int M) {
+PhaseLine blindLine(const WorkVec<cd>& z, const Constellation& c, ModType family, int M) {
     PhaseLine line;
     cd sz(0, 0), sa(0, 0);
     for (const cd& v : z) sz += integerPower(v, M);
@@ -219,24 +220,24 @@ PhaseLine blindLine(const std::vector<cd>& z, const Constellation& c, ModType fa
     return line;
 }
 
-PhaseLine fitLine(const std::vector<cd>& z, const Instants& t, const Constellation& c,
-                  ModType family, PhaseLine line, int passes, std::vector<cd>& ideal,
-                  std::vector<cd>& norm);
+PhaseLine fitLine(const WorkVec<cd>& z, const Instants& t, const Constellation& c,
+                  ModType family, PhaseLine line, int passes, WorkVec<cd>& ideal,
+                  WorkVec<cd>& norm);
 
 // The fit on a long block first runs on every stride-th symbol (some 8192 of
 // them) until it settles, then once on all (not for ASK, whose levels are
 // measured from the decisions and need the whole block at low SNR): the line is then already right
 // to a fraction of the noise, so one full-length pass (the costly one) takes
 // the decisions it would keep.
-PhaseLine decisionDirectedLine(const std::vector<cd>& z, const Instants& t, const Constellation& c,
-                               ModType family, PhaseLine line, std::vector<cd>& ideal,
-                               std::vector<cd>& norm) {
+PhaseLine decisionDirectedLine(const WorkVec<cd>& z, const Instants& t, const Constellation& c,
+                               ModType family, PhaseLine line, WorkVec<cd>& ideal,
+                               WorkVec<cd>& norm) {
     const std::size_t stride = z.size() / 8192;
     if (stride >= 2 && family != MT_ASK) {
         Instants sparse = t;
         sparse.T = t.T * double(stride);
         sparse.count = (t.count + stride - 1) / stride;
-        std::vector<cd> zs(sparse.count);
+        WorkVec<cd> zs(sparse.count);
         for (std::size_t k = 0; k < sparse.count; ++k) zs[k] = z[k * stride];
         line = fitLine(zs, sparse, c, family, line, 12, ideal, norm);
         return fitLine(z, t, c, family, line, 1, ideal, norm);
@@ -246,15 +247,15 @@ PhaseLine decisionDirectedLine(const std::vector<cd>& z, const Instants& t, cons
 
 // Up to `passes` rounds of decisions and line fit, stopping once settled;
 // `norm` and `ideal` are left for the final line.
-PhaseLine fitLine(const std::vector<cd>& z, const Instants& t, const Constellation& c,
-                  ModType family, PhaseLine line, int passes, std::vector<cd>& ideal,
-                  std::vector<cd>& norm) {
+PhaseLine fitLine(const WorkVec<cd>& z, const Instants& t, const Constellation& c,
+                  ModType family, PhaseLine line, int passes, WorkVec<cd>& ideal,
+                  WorkVec<cd>& norm) {
     const std::size_t K = z.size();
     const double tmid = 0.5 * (t.at(0) + t.at(K - 1));
     norm.assign(K, cd(0, 0));
-    std::vector<cd> previous;
+    WorkVec<cd> previous;
     for (int it = 0; it < passes; ++it) {
-        const std::vector<cd> rot = rotations(-line.phase0, -line.omega, t);
+        const WorkVec<cd> rot = rotations(-line.phase0, -line.omega, t);
         const cd inverse = 1.0 / line.gain;
         for (std::size_t k = 0; k < K; ++k) norm[k] = z[k] * rot[k] * inverse;
         previous.swap(ideal);
@@ -291,7 +292,7 @@ PhaseLine fitLine(const std::vector<cd>& z, const Instants& t, const Constellati
                              std::fabs(dw) * double(K) * t.T < 1e-6;
         if (settled) break;
     }
-    const std::vector<cd> rot = rotations(-line.phase0, -line.omega, t);
+    const WorkVec<cd> rot = rotations(-line.phase0, -line.omega, t);
     const cd inverse = 1.0 / line.gain;
     for (std::size_t k = 0; k < K; ++k) norm[k] = z[k] * rot[k] * inverse;
     decide(norm, c, family, ideal);
@@ -301,7 +302,7 @@ PhaseLine fitLine(const std::vector<cd>& z, const Instants& t, const Constellati
 // The stream with a carrier of omega (rad per sample) removed, into out
 // (whose storage is reused): one phasor advanced per sample, re-seeded
 // every 1024 samples.
-void removeCarrier(const std::vector<cd>& x, double omega, std::vector<cd>& out) {
+void removeCarrier(const WorkVec<cd>& x, double omega, WorkVec<cd>& out) {
     out.resize(x.size());
     const cd step = std::polar(1.0, -omega);
     cd v(1.0, 0.0);
@@ -312,9 +313,9 @@ void removeCarrier(const std::vector<cd>& x, double omega, std::vector<cd>& out)
     }
 }
 
-std::vector<cd> symbolsAt(const std::vector<cd>& y, const Instants& t,
+WorkVec<cd> symbolsAt(const WorkVec<cd>& y, const Instants& t,
                           const vantrel::meas::FractionalFilter& f) {
-    std::vector<cd> z(t.count);
+    WorkVec<cd> z(t.count);
     for (std::size_t k = 0; k < t.count; ++k) z[k] = f.at(y.data(), long(y.size()), t.at(k));
     return z;
 }
@@ -334,9 +335,9 @@ Instants instantsOf(const vantrel::meas::SymbolClock& c, std::size_t n, double m
 // (1 when locked). The reference is the alphabet, not the decisions: the
 // decisions of noise alone follow the noise and would excuse a missing line.
 // ASK levels are never negative, so its line is compared with 1.
-double carrierCoherence(const std::vector<cd>& norm, const std::vector<cd>& alphabet, int M,
+double carrierCoherence(const WorkVec<cd>& norm, const WorkVec<cd>& alphabet, int M,
                         bool absolute) {
-    auto strength = [M](const std::vector<cd>& v) {
+    auto strength = [M](const WorkVec<cd>& v) {
         cd s(0, 0);
         double mag = 0.0;
         for (const cd& z : v) {
@@ -364,13 +365,13 @@ double bandEdge(int filterType, double rolloff) {
 // origin offset; for constellations with E[a^2] = 0 (PSK of 4 or more
 // points, QAM), E[d^2 exp(j 2 Omega t)] = 2 alpha beta E|s|^2 gives the
 // image ratio beta / conj(alpha).
-std::vector<cd> blindCompensation(const std::vector<cd>& z, const std::vector<cd>& turn,
+WorkVec<cd> blindCompensation(const WorkVec<cd>& z, const WorkVec<cd>& turn,
                                   bool circular) {
     const std::size_t K = z.size();
     cd dc(0, 0);
     for (std::size_t k = 0; k < K; ++k) dc += z[k] * turn[k];
     dc /= double(K);
-    std::vector<cd> zc(K);
+    WorkVec<cd> zc(K);
     cd sq(0, 0);
     double pw = 0.0;
     for (std::size_t k = 0; k < K; ++k) {
@@ -388,26 +389,26 @@ std::vector<cd> blindCompensation(const std::vector<cd>& z, const std::vector<cd
 
 }  // namespace
 
-std::vector<cd> to_analysis_rate(const std::vector<cd>& raw, double sps, double edge) {
+WorkVec<cd> to_analysis_rate(const WorkVec<cd>& raw, double sps, double edge) {
     if (sps == kAnalysisSps) return raw;
-    const vantrel::meas::FractionalFilter f = vantrel::meas::rate_filter(sps, kAnalysisSps, edge);
-    return vantrel::meas::convert_rate(raw, sps / kAnalysisSps, f);
+    return vantrel::meas::convert_rate(raw, sps / kAnalysisSps,
+                                       *vantrel::meas::rate_filter(sps, kAnalysisSps, edge));
 }
 
 void measureLinear(MeasurementPipeline& p, VantrelMeasurement& m) {
     const double sps = p.fs / p.rb;
     const double rate = kAnalysisSps * p.rb;  // analysis sample rate, Hz
-    std::vector<cd> converted;
+    WorkVec<cd> converted;
     if (sps != kAnalysisSps) converted = to_analysis_rate(p.raw, sps, bandEdge(p.filterType, p.rolloff));
-    const std::vector<cd>& x = sps != kAnalysisSps ? converted : p.raw;
-    const std::vector<double> h = vantrel::meas::receive_filter(p.filterType, p.rolloff, kAnalysisSps);
+    const WorkVec<cd>& x = sps != kAnalysisSps ? converted : p.raw;
+    const WorkVec<double> h = vantrel::meas::receive_filter(p.filterType, p.rolloff, kAnalysisSps);
     // The clock and the coarse carrier need only a line of |y|^2 and of the
     // M-th power, not symbols free of interference: a receive filter cut to
     // +-2 symbols gives them at a quarter of the cost (it is symmetric, so
     // it moves no instant).
-    std::vector<cd> y = vantrel::meas::filter_centred(
+    WorkVec<cd> y = vantrel::meas::filter_centred(
         x, vantrel::meas::receive_filter(p.filterType, p.rolloff, kAnalysisSps, 2.0));
-    std::vector<double> v(y.size());
+    WorkVec<double> v(y.size());
     for (std::size_t n = 0; n < y.size(); ++n) v[n] = std::norm(y[n]);
     p.clock = vantrel::meas::estimate_symbol_clock(v, kAnalysisSps);
     const Instants t = instantsOf(p.clock, y.size(), double(h.size() / 2) + 20.0);
@@ -426,7 +427,7 @@ void measureLinear(MeasurementPipeline& p, VantrelMeasurement& m) {
     // Coarse carrier from the M-th power line of the symbols (a short
     // interpolator is enough for a line).
     static const vantrel::meas::FractionalFilter coarseInterpolator(0.5, 6, 6.0);
-    std::vector<cd> zM(t.count);
+    WorkVec<cd> zM(t.count);
     for (std::size_t k = 0; k < t.count; ++k)
         zM[k] = integerPower(coarseInterpolator.at(y.data(), long(y.size()), t.at(k)), M);
     // The decision-directed fit below refines the frequency over the whole
@@ -435,15 +436,15 @@ void measureLinear(MeasurementPipeline& p, VantrelMeasurement& m) {
     const double Omega = kTwoPi * fSym / t.T;  // rad per sample
     // The matched filter evaluated at the instants only, on the stream with
     // the coarse carrier removed.
-    const vantrel::meas::FractionalFilter matched =
+    const vantrel::meas::FilterRef matched =
         vantrel::meas::matched_interpolator(p.filterType, p.rolloff, kAnalysisSps);
     removeCarrier(x, Omega, y);  // y is spent: its storage takes the derotated stream
-    const std::vector<cd> z = symbolsAt(y, t, matched);
+    const WorkVec<cd> z = symbolsAt(y, t, *matched);
 
-    const std::vector<cd> turn = rotations(0.0, Omega, t);  // exp(j Omega t_k)
+    const WorkVec<cd> turn = rotations(0.0, Omega, t);  // exp(j Omega t_k)
     const bool circular = (p.family == MT_PSK && p.order >= 4) || p.family == MT_QAM;
-    std::vector<cd> zc = blindCompensation(z, turn, circular);
-    std::vector<cd> ideal, norm, coef, previousCoef;
+    WorkVec<cd> zc = blindCompensation(z, turn, circular);
+    WorkVec<cd> ideal, norm, coef, previousCoef;
     PhaseLine line;
     bool imbalanceKnown = false;
     line = blindLine(zc, alpha, p.family, M);
@@ -457,7 +458,7 @@ void measureLinear(MeasurementPipeline& p, VantrelMeasurement& m) {
         // normal equations need only five sums:
         //   G = [[S, C, D], [C*, S, E], [D*, E*, K]],  S = sum |s|^2,
         //   C = sum conj(s)^2 b^2, D = sum conj(s) b, E = sum s conj(b).
-        const std::vector<cd> rot = rotations(line.phase0, line.omega, t);
+        const WorkVec<cd> rot = rotations(line.phase0, line.omega, t);
         double S = 0.0;
         cd C(0, 0), D(0, 0), E(0, 0), r0(0, 0), r1(0, 0), r2(0, 0);
         for (std::size_t k = 0; k < t.count; ++k) {
@@ -525,7 +526,7 @@ void measureLinear(MeasurementPipeline& p, VantrelMeasurement& m) {
         m.quadErrorDeg = iq.quadDeg;
         // The received symbols in grid units with only the origin offset
         // removed: the I/Q imbalance stays in the error vector.
-        const std::vector<cd> rot = rotations(-line.phase0, -line.omega, t);
+        const WorkVec<cd> rot = rotations(-line.phase0, -line.omega, t);
         const cd inverse = 1.0 / coef[0];
         p.symbols.resize(t.count);
         for (std::size_t k = 0; k < t.count; ++k)

@@ -20,7 +20,7 @@ void measureErrorVector(const MeasurementPipeline& p, VantrelMeasurement& m) {
     if (K == 0) return;
     double idealPower = 0.0, errorPower = 0.0, magSquares = 0.0, phaseSquares = 0.0;
     std::size_t phaseCount = 0;
-    std::vector<double> error(K);
+    vantrel::meas::WorkVec<double> error(K);
     for (std::size_t k = 0; k < K; ++k) {
         const vantrel::meas::cd r = p.symbols[k], a = p.ideal[k];
         const double e2 = std::norm(r - a);

@@ -23,6 +23,7 @@
 #include "measurement.h"
 
 using vantrel::meas::cd;
+using vantrel::meas::WorkVec;
 
 namespace {
 
@@ -32,9 +33,9 @@ constexpr double kTwoPi = 6.283185307179586;
 constexpr double kFskLowestSps = 4.0;
 constexpr double kFskHighestSps = 8.0;
 
-std::vector<double> instantsOf(const vantrel::meas::SymbolClock& c, std::size_t n,
+WorkVec<double> instantsOf(const vantrel::meas::SymbolClock& c, std::size_t n,
                                double margin) {
-    std::vector<double> t;
+    WorkVec<double> t;
     if (!c.valid || !(c.period > 0.0)) return t;
     const double first = c.firstInstant + std::ceil((margin - c.firstInstant) / c.period) * c.period;
     for (std::size_t k = 0;; ++k) {
@@ -47,7 +48,7 @@ std::vector<double> instantsOf(const vantrel::meas::SymbolClock& c, std::size_t 
 
 // Solves the n x n normal equations A p = A[., n] (n <= 6) by Gaussian
 // elimination with partial pivoting.
-bool solveNormal(double A[6][7], int n, std::vector<double>& p) {
+bool solveNormal(double A[6][7], int n, WorkVec<double>& p) {
     for (int c = 0; c < n; ++c) {
         int piv = c;
         for (int r = c + 1; r < n; ++r)
@@ -65,7 +66,7 @@ bool solveNormal(double A[6][7], int n, std::vector<double>& p) {
     return true;
 }
 
-double linearAt(const std::vector<double>& x, double t) {
+double linearAt(const WorkVec<double>& x, double t) {
     if (x.empty()) return 0.0;
     if (t <= 0.0) return x.front();
     const std::size_t i = static_cast<std::size_t>(t);
@@ -78,8 +79,8 @@ double linearAt(const std::vector<double>& x, double t) {
 // terms absorb the interference of a shaped frequency pulse, so the
 // intercept is the carrier alone. coef = {fc, d_-2 .. d_2}; residual is the
 // RMS misfit in Hz.
-bool fitLevels(const std::vector<int>& level, const std::vector<double>& adv,
-               std::vector<double>& coef, double& residual) {
+bool fitLevels(const WorkVec<int>& level, const WorkVec<double>& adv,
+               WorkVec<double>& coef, double& residual) {
     const std::size_t K = level.size();
     if (K < 8) return false;
     auto row = [&](std::size_t k, double r[6]) {
@@ -112,19 +113,19 @@ bool fitLevels(const std::vector<int>& level, const std::vector<double>& adv,
 // level, exp(j 2 pi (fc + level unit) n / fs), and the strongest
 // correlation decides (the best symbol-by-symbol receiver for tones of
 // unknown phase).
-std::vector<int> correlatorLevels(const std::vector<cd>& s, double fs,
-                                  const std::vector<double>& t, double T, double fc,
+WorkVec<int> correlatorLevels(const WorkVec<cd>& s, double fs,
+                                  const WorkVec<double>& t, double T, double fc,
                                   double unit, bool four) {
-    const std::vector<int> levels = four ? std::vector<int>{-3, -1, 1, 3} : std::vector<int>{-1, 1};
+    const WorkVec<int> levels = four ? WorkVec<int>{-3, -1, 1, 3} : WorkVec<int>{-1, 1};
     // Only the magnitude of a correlation counts, so each tone may start at
     // phase 0 in every window: one table per tone serves every symbol.
     const std::size_t width = static_cast<std::size_t>(std::ceil(T)) + 2;
-    std::vector<std::vector<cd>> tone(levels.size(), std::vector<cd>(width));
+    std::vector<WorkVec<cd>> tone(levels.size(), WorkVec<cd>(width));
     for (std::size_t l = 0; l < levels.size(); ++l)
         for (std::size_t i = 0; i < width; ++i)
             tone[l][i] = std::polar(1.0, -kTwoPi * std::fmod((fc + levels[l] * unit) / fs * double(i), 1.0));
     const long n = static_cast<long>(s.size());
-    std::vector<int> out(t.size(), levels.back());
+    WorkVec<int> out(t.size(), levels.back());
     for (std::size_t k = 0; k < t.size(); ++k) {
         // Each sample stands for the interval n +- 1/2 and counts with the
         // share of it inside the symbol t +- T/2, so the window is one
@@ -164,8 +165,8 @@ std::vector<int> correlatorLevels(const std::vector<cd>& s, double fs,
 // level has the angle 2 pi f / fs, and summing before taking the angle keeps
 // the noise from wrapping it. A weighted straight line through the tones
 // gives the centre and the frequency step of one level unit.
-bool measureTones(const std::vector<cd>& s, double fs, const std::vector<double>& t, double T,
-                  const std::vector<int>& level, double& centre, double& unit) {
+bool measureTones(const WorkVec<cd>& s, double fs, const WorkVec<double>& t, double T,
+                  const WorkVec<int>& level, double& centre, double& unit) {
     const long n = static_cast<long>(s.size());
     cd sum[7] = {};
     double pairs[7] = {};
@@ -205,16 +206,16 @@ void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
     const bool interpolate = rawSps < kFskLowestSps || rawSps > kFskHighestSps;
     const double sps = rawSps < kFskLowestSps ? kFskLowestSps : interpolate ? kFskHighestSps : rawSps;
     const double fs = sps * p.rb;
-    const std::vector<cd> x =
+    const WorkVec<cd> x =
         interpolate ? vantrel::meas::convert_rate(
                           p.raw, rawSps / sps,
-                          vantrel::meas::rate_filter(rawSps, sps, 0.4 * std::min(rawSps, sps)))
-                    : std::vector<cd>();
-    const std::vector<cd>& s = interpolate ? x : p.raw;
+                          *vantrel::meas::rate_filter(rawSps, sps, 0.4 * std::min(rawSps, sps)))
+                    : WorkVec<cd>();
+    const WorkVec<cd>& s = interpolate ? x : p.raw;
     const std::size_t n = s.size();
     // Unwrapped phase and instantaneous frequency (Hz).
-    std::vector<double> phase(n, 0.0);
-    std::vector<cd> freq(n, cd(0, 0));
+    WorkVec<double> phase(n, 0.0);
+    WorkVec<cd> freq(n, cd(0, 0));
     for (std::size_t i = 1; i < n; ++i) {
         const double d = std::arg(s[i] * std::conj(s[i - 1]));
         phase[i] = phase[i - 1] + d;
@@ -224,12 +225,12 @@ void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
     // One-symbol average of the frequency: free of interference between
     // symbols for rectangular frequency pulses, and its square carries the
     // symbol-rate line used for the clock.
-    const std::vector<double> h = vantrel::meas::receive_filter(FILTER_RECT, 0.0, sps);
-    const std::vector<cd> g = vantrel::meas::filter_centred(freq, h);
+    const WorkVec<double> h = vantrel::meas::receive_filter(FILTER_RECT, 0.0, sps);
+    const WorkVec<cd> g = vantrel::meas::filter_centred(freq, h);
     double mean = 0.0;
     for (const cd& v : g) mean += v.real();
     mean /= double(n);
-    std::vector<double> v(n), gr(n);
+    WorkVec<double> v(n), gr(n);
     for (std::size_t i = 0; i < n; ++i) {
         gr[i] = g[i].real();
         v[i] = (gr[i] - mean) * (gr[i] - mean);
@@ -240,7 +241,7 @@ void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
     // sample before i, so the clock found on it runs half a sample late.
     for (double& v : p.instants) v -= 0.5;
     p.instantSps = sps;
-    const std::vector<double>& t = p.instants;
+    const WorkVec<double>& t = p.instants;
     if (t.size() < 64) return;
     const double T = p.clock.period;
     m.symbolRateErrorPpm = p.clock.rateErrorPpm;
@@ -249,7 +250,7 @@ void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
 
     // Per-symbol phase advance in Hz and the symbol-centre frequency.
     const std::size_t K = t.size();
-    std::vector<double> adv(K), centre(K);
+    WorkVec<double> adv(K), centre(K);
     for (std::size_t k = 0; k < K; ++k) {
         adv[k] = (linearAt(phase, t[k] + 0.5 * T) - linearAt(phase, t[k] - 0.5 * T)) * fs /
                  (kTwoPi * T);
@@ -259,8 +260,8 @@ void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
     double fc = 0.0;
     for (double a : adv) fc += a;
     fc /= double(K);
-    std::vector<int> level(K, 0);
-    std::vector<double> coef;
+    WorkVec<int> level(K, 0);
+    WorkVec<double> coef;
     double residual = 0.0;
     for (int it = 0; it < 4; ++it) {
         // Decisions about the current carrier estimate; four levels are
@@ -294,14 +295,14 @@ void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
     double toneCentre = fc, toneUnit = levelOne;
     measureTones(s, fs, t, T, level, toneCentre, toneUnit);
     const bool separable = 2.0 * std::fabs(toneUnit) >= 0.75 * p.rb;
-    std::vector<int> heard;
+    WorkVec<int> heard;
     if (separable) {
         heard = correlatorLevels(s, fs, t, T, toneCentre, toneUnit, four);
         for (int round = 0; round < 1 && measureTones(s, fs, t, T, heard, toneCentre, toneUnit);
              ++round)
             heard = correlatorLevels(s, fs, t, T, toneCentre, toneUnit, four);
     }
-    std::vector<double> heardCoef;
+    WorkVec<double> heardCoef;
     double heardResidual = 0.0;
     if (separable && fitLevels(heard, adv, heardCoef, heardResidual)) {
         level.swap(heard);

@@ -11,6 +11,10 @@
 // a measurement can reach.
 #include <algorithm>
 #include <cmath>
+#include <cstring>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "measurement_dsp.h"
 
@@ -53,6 +57,55 @@ FractionalFilter::FractionalFilter(int halfTaps, const std::function<double(doub
     }
 }
 
+namespace {
+
+// sum_i x[i] taps[i] over `width` complex samples with four partial sums
+// (taps i = 0, 1, 2, 3 mod 4), added as (s0 + s1) + (s2 + s3) at the end.
+// A single running sum waits a full add latency per tap; four keep the
+// adder busy. The association is fixed, so every machine gives the same bits,
+// and the SSE2 form does exactly the operations of the plain one.
+cd dot_interleaved(const cd* x, const double* taps, int width) {
+    const double* xv = reinterpret_cast<const double*>(x);  // re, im, re, im, ...
+#if defined(__SSE2__)
+    __m128d s0 = _mm_setzero_pd(), s1 = s0, s2 = s0, s3 = s0;
+    int i = 0;
+    for (; i + 4 <= width; i += 4) {
+        s0 = _mm_add_pd(s0, _mm_mul_pd(_mm_loadu_pd(xv + 2 * i), _mm_set1_pd(taps[i])));
+        s1 = _mm_add_pd(s1, _mm_mul_pd(_mm_loadu_pd(xv + 2 * i + 2), _mm_set1_pd(taps[i + 1])));
+        s2 = _mm_add_pd(s2, _mm_mul_pd(_mm_loadu_pd(xv + 2 * i + 4), _mm_set1_pd(taps[i + 2])));
+        s3 = _mm_add_pd(s3, _mm_mul_pd(_mm_loadu_pd(xv + 2 * i + 6), _mm_set1_pd(taps[i + 3])));
+    }
+    for (; i < width; ++i)
+        s0 = _mm_add_pd(s0, _mm_mul_pd(_mm_loadu_pd(xv + 2 * i), _mm_set1_pd(taps[i])));
+    const __m128d s = _mm_add_pd(_mm_add_pd(s0, s1), _mm_add_pd(s2, s3));
+    double out[2];
+    _mm_storeu_pd(out, s);
+    return cd(out[0], out[1]);
+#else
+    double re[4] = {0, 0, 0, 0}, im[4] = {0, 0, 0, 0};
+    int i = 0;
+    for (; i + 4 <= width; i += 4) {
+        for (int l = 0; l < 4; ++l) {
+            re[l] = re[l] + xv[2 * (i + l)] * taps[i + l];
+            im[l] = im[l] + xv[2 * (i + l) + 1] * taps[i + l];
+        }
+    }
+    for (; i < width; ++i) {
+        re[0] = re[0] + xv[2 * i] * taps[i];
+        im[0] = im[0] + xv[2 * i + 1] * taps[i];
+    }
+    return cd((re[0] + re[1]) + (re[2] + re[3]), (im[0] + im[1]) + (im[2] + im[3]));
+#endif
+}
+
+double dot_interleaved(const double* x, const double* taps, int width) {
+    double s = 0.0;
+    for (int i = 0; i < width; ++i) s += x[i] * taps[i];
+    return s;
+}
+
+}  // namespace
+
 template <class T>
 T FractionalFilter::eval(const T* x, long n, double t) const {
     const double fl = std::floor(t);
@@ -71,16 +124,12 @@ T FractionalFilter::eval(const T* x, long n, double t) const {
         for (int i = 0; i < width; ++i) blended[i] = r0[i] + (r1[i] - r0[i]) * w;
         taps = blended;
     }
+    if (first >= 0 && first + width <= n) return dot_interleaved(x + first, taps, width);
     T s = T(0.0);
-    if (first >= 0 && first + width <= n) {
-        const T* xs = x + first;
-        for (int i = 0; i < width; ++i) s += xs[i] * taps[i];
-    } else {
-        for (int i = 0; i < width; ++i) {
-            const long j = first + i;
-            if (j < 0 || j >= n) continue;
-            s += x[j] * taps[i];
-        }
+    for (int i = 0; i < width; ++i) {
+        const long j = first + i;
+        if (j < 0 || j >= n) continue;
+        s += x[j] * taps[i];
     }
     return s;
 }
@@ -88,7 +137,36 @@ T FractionalFilter::eval(const T* x, long n, double t) const {
 cd FractionalFilter::at(const cd* x, long n, double t) const { return eval(x, n, t); }
 double FractionalFilter::at(const double* x, long n, double t) const { return eval(x, n, t); }
 
-FractionalFilter rate_filter(double spsIn, double spsOut, double bandEdge) {
+FilterRef cached_filter(const FilterKey& key, const std::function<FractionalFilter()>& design) {
+    // A handful of designs per thread, replaced oldest first: a host that
+    // analyses block after block with the same settings builds each table
+    // once (a table costs about as much as converting a whole block).
+    // Keys compare bit for bit, so a NaN parameter still finds its entry.
+    struct Entry {
+        FilterKey key;
+        FilterRef filter;
+    };
+    constexpr std::size_t kEntries = 8;
+    thread_local std::vector<Entry> cache;
+    thread_local std::size_t next = 0;
+    for (const Entry& e : cache)
+        if (std::memcmp(e.key.data(), key.data(), sizeof(double) * key.size()) == 0) return e.filter;
+    FilterRef made = std::make_shared<const FractionalFilter>(design());
+    if (cache.size() < kEntries) {
+        cache.push_back({key, made});
+    } else {
+        cache[next] = {key, made};
+        next = (next + 1) % kEntries;
+    }
+    return made;
+}
+
+FilterRef rate_filter(double spsIn, double spsOut, double bandEdge) {
+    return cached_filter({0.0, spsIn, spsOut, bandEdge},
+                         [=] { return design_rate_filter(spsIn, spsOut, bandEdge); });
+}
+
+FractionalFilter design_rate_filter(double spsIn, double spsOut, double bandEdge) {
     // Everything in symbol rates. The lower of the two rates bounds the band:
     // images (upsampling) or aliases (downsampling) of a component at f land
     // at lower - f, so the stopband starts where they would reach the band.
@@ -104,10 +182,10 @@ FractionalFilter rate_filter(double spsIn, double spsOut, double bandEdge) {
     return FractionalFilter(cutoff / spsIn, halfTaps, 0.1102 * (attenuation - 8.7));
 }
 
-std::vector<cd> convert_rate(const std::vector<cd>& x, double step, const FractionalFilter& f) {
+WorkVec<cd> convert_rate(const WorkVec<cd>& x, double step, const FractionalFilter& f) {
     const long n = static_cast<long>(x.size());
     const std::size_t count = static_cast<std::size_t>(std::floor(double(n - 1) / step)) + 1;
-    std::vector<cd> y(count);
+    WorkVec<cd> y(count);
     for (std::size_t m = 0; m < count; ++m) y[m] = f.at(x.data(), n, double(m) * step);
     return y;
 }

@@ -19,7 +19,7 @@ std::size_t nextPow2(std::size_t n) {
 
 // Iterative radix-2 decimation in time; twiddles computed directly (no
 // recurrence) so the error stays at rounding level for any length.
-void fft_pow2(std::vector<cd>& x) {
+void fft_pow2(WorkVec<cd>& x) {
     const std::size_t n = x.size();
     for (std::size_t i = 1, j = 0; i < n; ++i) {
         std::size_t bit = n >> 1;
@@ -86,10 +86,10 @@ double strongest_line(const cd* x, std::size_t len, bool realOnly, cd* amp, doub
     const std::size_t used = std::min(len, nfft);
     // The Hann-windowed block, formed once: the coarse FFT and every step of
     // the refinement read it.
-    std::vector<cd> windowed(len);
+    WorkVec<cd> windowed(len);
     for (std::size_t n = 0; n < len; ++n)
         windowed[n] = (0.5 - 0.5 * std::cos(kTwoPi * (double(n) + 0.5) / double(len))) * x[n];
-    std::vector<cd> buf(nfft, cd(0.0, 0.0));
+    WorkVec<cd> buf(nfft, cd(0.0, 0.0));
     for (std::size_t n = 0; n < used; ++n)
         buf[n] = used == len ? windowed[n]
                              : x[n] * (0.5 - 0.5 * std::cos(kTwoPi * (double(n) + 0.5) / double(used)));
@@ -147,7 +147,7 @@ double coarse_line(const cd* x, std::size_t len) {
     if (len == 0) return 0.0;
     const std::size_t nfft = std::min<std::size_t>(nextPow2(len), std::size_t(1) << 22);
     const std::size_t used = std::min(len, nfft);
-    std::vector<cd> buf(nfft, cd(0.0, 0.0));
+    WorkVec<cd> buf(nfft, cd(0.0, 0.0));
     for (std::size_t n = 0; n < used; ++n)
         buf[n] = (0.5 - 0.5 * std::cos(kTwoPi * (double(n) + 0.5) / double(used))) * x[n];
     fft_pow2(buf);

@@ -62,10 +62,10 @@ struct ReceivePulse {
     }
 };
 
-std::vector<double> receive_filter(int filterType, double beta, double sps, double maxHalfSpan) {
+WorkVec<double> receive_filter(int filterType, double beta, double sps, double maxHalfSpan) {
     const ReceivePulse pulse(filterType, beta, sps, maxHalfSpan);
     const int H = static_cast<int>(std::floor(pulse.halfSpan * sps));
-    std::vector<double> h(2 * static_cast<std::size_t>(H) + 1, 0.0);
+    WorkVec<double> h(2 * static_cast<std::size_t>(H) + 1, 0.0);
     double sum = 0.0;
     for (int k = -H; k <= H; ++k) {
         const double v = pulse(double(k) / sps);
@@ -77,7 +77,12 @@ std::vector<double> receive_filter(int filterType, double beta, double sps, doub
     return h;
 }
 
-FractionalFilter matched_interpolator(int filterType, double beta, double sps) {
+FilterRef matched_interpolator(int filterType, double beta, double sps) {
+    return cached_filter({1.0, double(filterType), beta, sps},
+                         [=] { return design_matched_interpolator(filterType, beta, sps); });
+}
+
+FractionalFilter design_matched_interpolator(int filterType, double beta, double sps) {
     const ReceivePulse pulse(filterType, beta, sps, 6.0);
     const int H = static_cast<int>(std::floor(pulse.halfSpan * sps));
     double sum = 0.0;
@@ -86,9 +91,9 @@ FractionalFilter matched_interpolator(int filterType, double beta, double sps) {
     return FractionalFilter(H + 1, [&](double d) { return pulse(d / sps) * scale; });
 }
 
-std::vector<cd> filter_centred(const std::vector<cd>& x, const std::vector<double>& h) {
+WorkVec<cd> filter_centred(const WorkVec<cd>& x, const WorkVec<double>& h) {
     const std::size_t n = x.size(), taps = h.size(), H = taps / 2;
-    std::vector<cd> y(n, cd(0.0, 0.0));
+    WorkVec<cd> y(n, cd(0.0, 0.0));
     if (n == 0 || taps == 0) return y;
     // A complex array is an array of (re, im) double pairs, and a real tap
     // scales both alike: the sums run over the interleaved doubles.
@@ -97,7 +102,7 @@ std::vector<cd> filter_centred(const std::vector<cd>& x, const std::vector<doubl
     // Outputs whose taps all fall inside the block read x in place; the few
     // near either end read a zero-padded copy of the first and last 2H.
     const std::size_t edge = std::min(n, 2 * H);
-    std::vector<double> head(2 * (edge + 2 * H), 0.0), tail(2 * (edge + 2 * H), 0.0);
+    WorkVec<double> head(2 * (edge + 2 * H), 0.0), tail(2 * (edge + 2 * H), 0.0);
     for (std::size_t i = 0; i < edge; ++i) {
         head[2 * (i + H)] = x[i].real();
         head[2 * (i + H) + 1] = x[i].imag();
@@ -128,7 +133,7 @@ std::vector<cd> filter_centred(const std::vector<cd>& x, const std::vector<doubl
     };
     if (n <= 2 * H) {
         // Short block: everything from the padded copy.
-        std::vector<double> padded(2 * (n + 2 * H), 0.0);
+        WorkVec<double> padded(2 * (n + 2 * H), 0.0);
         for (std::size_t i = 0; i < n; ++i) {
             padded[2 * (i + H)] = x[i].real();
             padded[2 * (i + H) + 1] = x[i].imag();
@@ -149,10 +154,10 @@ const FractionalFilter& symbolInterpolator() {
 }
 }  // namespace
 
-cd interpolate_at(const std::vector<cd>& x, double t) {
+cd interpolate_at(const WorkVec<cd>& x, double t) {
     return symbolInterpolator().at(x.data(), static_cast<long>(x.size()), t);
 }
-double interpolate_at(const std::vector<double>& x, double t) {
+double interpolate_at(const WorkVec<double>& x, double t) {
     return symbolInterpolator().at(x.data(), static_cast<long>(x.size()), t);
 }
 

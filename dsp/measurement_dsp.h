@@ -2,17 +2,21 @@
 //
 // These routines serve only the measurement figures; the standard analysis
 // never calls them, so nothing here can move a figure of VantrelExcute. They
-// work in double precision on std::complex<double> and std::vector (the entry
+// work in double precision on std::complex<double> and WorkVec (the entry
 // turns an allocation failure into the out-of-memory return code).
 //
 // Units: sample indices and "cycles per sample" unless a name says Hz; phases
 // in radians.
 #pragma once
 
+#include <array>
 #include <complex>
 #include <functional>
+#include <memory>
 #include <cstddef>
 #include <vector>
+
+#include "work_pool.h"
 
 namespace vantrel::meas {
 
@@ -21,7 +25,7 @@ using cd = std::complex<double>;
 // ---- line_search.cpp ----
 
 // In-place forward DFT X[k] = sum_n x[n] exp(-j 2 pi k n / N); N a power of two.
-void fft_pow2(std::vector<cd>& x);
+void fft_pow2(WorkVec<cd>& x);
 
 // sum_{n<len} w[n] x[n] exp(-j 2 pi f n), w the Hann window over len samples
 // when hann is true, else 1. f in cycles per sample. The phasor is advanced by
@@ -85,15 +89,25 @@ private:
     std::vector<double> rows_;  // (kPhases + 1) rows of 2K taps
 };
 
+// A designed filter shared by its users; cached_filter returns the one made
+// earlier on this thread for the same key (compared bit for bit), or makes it
+// with `design`. A few designs are kept per thread.
+using FilterRef = std::shared_ptr<const FractionalFilter>;
+using FilterKey = std::array<double, 4>;
+FilterRef cached_filter(const FilterKey& key, const std::function<FractionalFilter()>& design);
+
 // Anti-alias / anti-image filter for a change from spsIn to spsOut samples
 // per symbol of a signal occupying |f| <= bandEdge symbol rates: flat to the
 // band edge, at least 90 dB down from (lower rate - band edge), where the
 // images or aliases would start to reach the band (Kaiser design).
-FractionalFilter rate_filter(double spsIn, double spsOut, double bandEdge);
+// The design is kept per thread (see cached_filter); design_rate_filter
+// builds it afresh.
+FilterRef rate_filter(double spsIn, double spsOut, double bandEdge);
+FractionalFilter design_rate_filter(double spsIn, double spsOut, double bandEdge);
 
 // y[m] = x(m step) through f, for every m with m step inside the block;
 // step = input samples per output sample.
-std::vector<cd> convert_rate(const std::vector<cd>& x, double step, const FractionalFilter& f);
+WorkVec<cd> convert_rate(const WorkVec<cd>& x, double step, const FractionalFilter& f);
 
 // ---- matched_pulse.cpp ----
 
@@ -107,24 +121,25 @@ std::vector<cd> convert_rate(const std::vector<cd>& x, double step, const Fracti
 //   Gauss(3): the matched Gaussian (BT = beta), span +-4 symbols;
 //   rect (4), half sine (5): the matched one-symbol pulse.
 // maxHalfSpan (symbols) cuts the span shorter.
-std::vector<double> receive_filter(int filterType, double beta, double sps,
+WorkVec<double> receive_filter(int filterType, double beta, double sps,
                                    double maxHalfSpan = 8.0);
 
 // The receive filter above as a continuous kernel, h(d) = pulse(d / sps) / sum
 // (the same unit DC gain): x(t) through it at any position t gives the
 // matched-filter output between samples directly, in place of filtering
 // every sample and interpolating.
-FractionalFilter matched_interpolator(int filterType, double beta, double sps);
+FilterRef matched_interpolator(int filterType, double beta, double sps);
+FractionalFilter design_matched_interpolator(int filterType, double beta, double sps);
 
 // y[n] = sum_k h[k] x[n + k - H] (zero-phase, zeros outside the block).
 // Computed tap by tap over blocks of outputs, so the inner loop is a plain
 // multiply-add over contiguous memory that the compiler vectorises.
-std::vector<cd> filter_centred(const std::vector<cd>& x, const std::vector<double>& h);
+WorkVec<cd> filter_centred(const WorkVec<cd>& x, const WorkVec<double>& h);
 
 // Value at fractional position t (samples) by a 32-tap Kaiser-windowed sinc
 // (beta 8, a FractionalFilter with fc = 0.5); zero outside the block.
-cd interpolate_at(const std::vector<cd>& x, double t);
-double interpolate_at(const std::vector<double>& x, double t);
+cd interpolate_at(const WorkVec<cd>& x, double t);
+double interpolate_at(const WorkVec<double>& x, double t);
 
 // ---- symbol_clock.cpp ----
 
@@ -143,21 +158,21 @@ struct SymbolClock {
     double coherence = 0.0;   // |sum_b c_b exp(-j fit_b)| / sum_b |c_b|, 1 = perfectly steady
     double lineRatio = 0.0;   // |sum_b c_b exp(-j fit_b)| / sum v: line strength
 };
-SymbolClock estimate_symbol_clock(const std::vector<double>& v, double spsNominal);
+SymbolClock estimate_symbol_clock(const WorkVec<double>& v, double spsNominal);
 
 // ---- widely_linear_fit.cpp ----
 
 // Complex least squares y[k] = sum_j p[j] u_j[k] for up to four regressors;
 // returns false when the normal equations are singular.
-bool complex_least_squares(const std::vector<cd>& y, const std::vector<std::vector<cd>>& u,
-                           std::vector<cd>& p);
+bool complex_least_squares(const WorkVec<cd>& y, const std::vector<WorkVec<cd>>& u,
+                           WorkVec<cd>& p);
 // The same system given by its sums, G[i][j] = sum conj(u_i) u_j and
 // G[i][m] = sum conj(u_i) y, for a caller that forms them faster.
 struct NormalEquations {
     std::size_t m = 0;
     cd G[4][5] = {};
 };
-bool solve_normal_equations(NormalEquations eq, std::vector<cd>& p);
+bool solve_normal_equations(NormalEquations eq, WorkVec<cd>& p);
 
 // I/Q impairments from the widely-linear coefficients of y = alpha s +
 // beta conj(s) (+ c): with s = u + jv the received (I, Q) = W (u, v),
@@ -179,7 +194,7 @@ IqImbalance iq_imbalance(cd alpha, cd beta);
 // the mean power. Bin k (0..nfft-1) is at frequency (k - nfft/2) fs / nfft.
 // offset is subtracted from every sample first. maxSegments (0: no limit)
 // caps the number of segments, spread evenly over the block.
-std::vector<double> welch_psd(const std::vector<cd>& x, std::size_t nfft, cd offset = cd(0.0, 0.0),
+WorkVec<double> welch_psd(const WorkVec<cd>& x, std::size_t nfft, cd offset = cd(0.0, 0.0),
                               std::size_t maxSegments = 0);
 
 // 99 % occupied bandwidth and the noise floor around a carrier at fc (Hz).
@@ -193,6 +208,6 @@ struct BandFigures {
     double signalPower;    // sample units^2, NaN likewise
     double noiseDensity;   // power per Hz, NaN likewise
 };
-BandFigures occupied_band(const std::vector<double>& psd, double fs, double fc, double guard);
+BandFigures occupied_band(const WorkVec<double>& psd, double fs, double fc, double guard);
 
 }  // namespace vantrel::meas

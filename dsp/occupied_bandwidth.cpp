@@ -9,11 +9,11 @@ namespace {
 constexpr double kTwoPi = 6.283185307179586;
 }  // namespace
 
-std::vector<double> welch_psd(const std::vector<cd>& x, std::size_t nfft, cd offset,
+WorkVec<double> welch_psd(const WorkVec<cd>& x, std::size_t nfft, cd offset,
                               std::size_t maxSegments) {
-    std::vector<double> psd(nfft, 0.0);
+    WorkVec<double> psd(nfft, 0.0);
     if (nfft < 2 || x.size() < nfft) return psd;
-    std::vector<double> w(nfft);
+    WorkVec<double> w(nfft);
     double wpow = 0.0;
     for (std::size_t n = 0; n < nfft; ++n) {
         const double a = kTwoPi * double(n) / double(nfft);
@@ -28,7 +28,7 @@ std::vector<double> welch_psd(const std::vector<cd>& x, std::size_t nfft, cd off
     if (maxSegments >= 2 && halfOverlapped > maxSegments)
         hop = (x.size() - nfft) / (maxSegments - 1);
     std::size_t segments = 0;
-    std::vector<cd> buf(nfft);
+    WorkVec<cd> buf(nfft);
     for (std::size_t start = 0; start + nfft <= x.size(); start += hop) {
         for (std::size_t n = 0; n < nfft; ++n) buf[n] = (x[start + n] - offset) * w[n];
         fft_pow2(buf);
@@ -42,7 +42,7 @@ std::vector<double> welch_psd(const std::vector<cd>& x, std::size_t nfft, cd off
     return psd;
 }
 
-BandFigures occupied_band(const std::vector<double>& psd, double fs, double fc, double guard) {
+BandFigures occupied_band(const WorkVec<double>& psd, double fs, double fc, double guard) {
     const double nan = std::nan("");
     BandFigures r{nan, nan, nan};
     const std::size_t nfft = psd.size();
@@ -60,8 +60,8 @@ BandFigures occupied_band(const std::vector<double>& psd, double fs, double fc, 
     if (noiseBins < 16) return r;
     noise /= double(noiseBins);  // power per bin
 
-    std::vector<double> band;
-    std::vector<double> edges;  // lower edge frequency of each bin in the band
+    WorkVec<double> band;
+    WorkVec<double> edges;  // lower edge frequency of each bin in the band
     for (std::size_t k = 0; k < nfft; ++k) {
         if (std::fabs(freqOf(k) - fc) <= guard) {
             band.push_back(psd[k] - noise);

@@ -11,7 +11,7 @@ constexpr double kTwoPi = 6.283185307179586;
 constexpr int kBlockSymbols = 64;
 }  // namespace
 
-SymbolClock estimate_symbol_clock(const std::vector<double>& v, double spsNominal) {
+SymbolClock estimate_symbol_clock(const WorkVec<double>& v, double spsNominal) {
     SymbolClock out;
     const std::size_t n = v.size();
     const std::size_t block = static_cast<std::size_t>(std::ceil(kBlockSymbols * spsNominal));
@@ -21,11 +21,11 @@ SymbolClock estimate_symbol_clock(const std::vector<double>& v, double spsNomina
     // At a whole number of samples per symbol the reference phasor repeats
     // every symbol, so one table of it serves the whole stream.
     const bool whole = spsNominal == std::floor(spsNominal) && spsNominal <= 64.0;
-    std::vector<cd> table(whole ? static_cast<std::size_t>(spsNominal) : 0);
+    WorkVec<cd> table(whole ? static_cast<std::size_t>(spsNominal) : 0);
     for (std::size_t i = 0; i < table.size(); ++i)
         table[i] = std::polar(1.0, -kTwoPi * std::fmod(double(i) / spsNominal, 1.0));
-    std::vector<cd> c(blocks);
-    std::vector<double> centre(blocks);
+    WorkVec<cd> c(blocks);
+    WorkVec<double> centre(blocks);
     double total = 0.0;
     for (std::size_t b = 0; b < blocks; ++b) {
         cd acc(0.0, 0.0);
@@ -44,7 +44,7 @@ SymbolClock estimate_symbol_clock(const std::vector<double>& v, double spsNomina
     }
     // Unwrap the block phases in time order and fit phase = p0 + s * n,
     // weighted by the line magnitude of each block.
-    std::vector<double> ph(blocks);
+    WorkVec<double> ph(blocks);
     ph[0] = std::arg(c[0]);
     for (std::size_t b = 1; b < blocks; ++b)
         ph[b] = ph[b - 1] + std::arg(c[b] * std::conj(c[b - 1]));

@@ -7,8 +7,8 @@ namespace vantrel::meas {
 
 // Normal equations G p = r with G_ij = sum conj(u_i) u_j and r_i = sum
 // conj(u_i) y, solved by complex Gaussian elimination with partial pivoting.
-bool complex_least_squares(const std::vector<cd>& y, const std::vector<std::vector<cd>>& u,
-                           std::vector<cd>& p) {
+bool complex_least_squares(const WorkVec<cd>& y, const std::vector<WorkVec<cd>>& u,
+                           WorkVec<cd>& p) {
     const std::size_t m = u.size();
     if (m == 0 || m > 4) return false;
     NormalEquations eq;
@@ -23,7 +23,7 @@ bool complex_least_squares(const std::vector<cd>& y, const std::vector<std::vect
     return solve_normal_equations(eq, p);
 }
 
-bool solve_normal_equations(NormalEquations eq, std::vector<cd>& p) {
+bool solve_normal_equations(NormalEquations eq, WorkVec<cd>& p) {
     const std::size_t m = eq.m;
     if (m == 0 || m > 4) return false;
     double scale = 0.0;

@@ -10,6 +10,7 @@
 
 #include "VantrelClass.h"
 #include "registry.h"
+#include "work_pool.h"
 
 std::map<int, VantrelClass*> VantrelObjCounter;
 int objcount = 0;
@@ -55,7 +56,10 @@ extern "C" VANTREL_API int VantrelObjRelease(int handle) {
         // With no live instance left, the recycled work blocks go back too.
         bool anyLive = false;
         for (const auto& entry : VantrelObjCounter) anyLive = anyLive || entry.second != nullptr;
-        if (!anyLive) heap_recycled_clear();
+        if (!anyLive) {
+            heap_recycled_clear();
+            vantrel::meas::work_pool_clear();
+        }
         return 0;
     } catch (...) {
         return -1;

@@ -118,6 +118,42 @@ TEST(MeasurementEntry, RefusesWhatTheStandardCallRefusesAndABadRecord) {
     VantrelObjRelease(h);
 }
 
+// The measurement's large work blocks stay with the thread from one call to
+// the next (the same block gives the same figures from reused memory), the
+// pool stays within its bounds, and releasing the last instance gives them
+// back.
+TEST(MeasurementEntry, WorkMemoryIsReusedBoundedAndGivenBack) {
+    using namespace vantrel::meas;
+    work_pool_clear();
+    sg::Result r = sg::generate(digitalConfig(MOD_16QAM, 8));
+    ExParamOut p = makeParam(r.config.Rb, MOD_16QAM);
+    const uint32_t n = static_cast<uint32_t>(r.I.size());
+    const int h = VantrelObjCreatSelfEncode();
+    VantrelMeasurement first = blankRecord(), second = blankRecord();
+    ASSERT_EQ(VantrelMeasure(h, r.I.data(), r.Q.data(), n, &p, r.fs, &first, nullptr), 0);
+    const std::size_t kept = work_pool_bytes();
+    EXPECT_GT(kept, 0u);
+    ASSERT_EQ(VantrelMeasure(h, r.I.data(), r.Q.data(), n, &p, r.fs, &second, nullptr), 0);
+    EXPECT_EQ(work_pool_bytes(), kept);
+    EXPECT_EQ(std::memcmp(&first, &second, sizeof first), 0);
+    VantrelObjRelease(h);
+    EXPECT_EQ(work_pool_bytes(), 0u);
+
+    // Bounds: more blocks than it keeps, then a request a block can hold.
+    std::vector<void*> blocks;
+    for (std::size_t i = 0; i < kPoolMaxBlocks + 8; ++i) blocks.push_back(work_pool_take(kPoolMinBytes * 2));
+    for (void* b : blocks) work_pool_give(b, kPoolMinBytes * 2);
+    const std::size_t full = work_pool_bytes();
+    EXPECT_GE(full, kPoolMaxBlocks * kPoolMinBytes * 2);
+    EXPECT_LT(full, kPoolMaxBlocks * kPoolMinBytes * 3);
+    void* reused = work_pool_take(kPoolMinBytes * 2 - 8);
+    EXPECT_LT(work_pool_bytes(), full);
+    work_pool_give(reused, kPoolMinBytes * 2 - 8);
+    EXPECT_EQ(work_pool_bytes(), full);
+    work_pool_clear();
+    EXPECT_EQ(work_pool_bytes(), 0u);
+}
+
 // Figures of the other families and of the later part are NaN, never 0; the
 // standard call gives the same record before and after a measurement.
 TEST(MeasurementEntry, NanRulesCountsAndStandardCallUntouched) {
@@ -533,13 +569,13 @@ TEST(MeasurementFskDeviation, OuterToneWithinHalfAPercent) {
 TEST(MeasurementRateConversion, PassbandExactAndAliasesSuppressed) {
     for (double sps : {1.5, 3.0, 5.5, 16.0, 64.0}) {
         const double step = sps / kAnalysisSps;
-        const vantrel::meas::FractionalFilter f = vantrel::meas::rate_filter(sps, kAnalysisSps, 0.675);
+        const vantrel::meas::FractionalFilter& f = *vantrel::meas::rate_filter(sps, kAnalysisSps, 0.675);
         auto tone = [&](double cyclesPerSymbol) {
-            std::vector<vantrel::meas::cd> x(static_cast<size_t>(3000 * sps));
+            vantrel::meas::WorkVec<vantrel::meas::cd> x(static_cast<size_t>(3000 * sps));
             for (size_t n = 0; n < x.size(); ++n) x[n] = std::polar(1.0, 2 * kPi * cyclesPerSymbol * n / sps);
             return vantrel::meas::convert_rate(x, step, f);
         };
-        const std::vector<vantrel::meas::cd> in = tone(0.6);
+        const vantrel::meas::WorkVec<vantrel::meas::cd> in = tone(0.6);
         double worst = 0.0;
         for (size_t m = 1000; m + 1000 < in.size(); ++m) {
             const vantrel::meas::cd want = std::polar(1.0, 2 * kPi * 0.6 * m / kAnalysisSps);
@@ -550,7 +586,7 @@ TEST(MeasurementRateConversion, PassbandExactAndAliasesSuppressed) {
         // the band edge (decimation) or at the input's image (interpolation).
         const double alias = std::min(sps, kAnalysisSps) - 0.6;
         if (alias < sps / 2.0) {
-            const std::vector<vantrel::meas::cd> out = tone(alias);
+            const vantrel::meas::WorkVec<vantrel::meas::cd> out = tone(alias);
             double peak = 0.0;
             for (size_t m = 1000; m + 1000 < out.size(); ++m) peak = std::max(peak, std::abs(out[m]));
             EXPECT_LT(peak, 1e-4) << sps;
