@@ -106,6 +106,15 @@ cd nearest(const Constellation& c, cd z) {
         const double h = c.points[0].real();  // 1 / sqrt(2)
         return cd(z.real() < 0.0 ? -h : h, z.imag() < 0.0 ? -h : h);
     }
+    if (c.side == 0 && c.points.size() == 8) {
+        // 8PSK: point k sits at (2k + 1) pi / 8, in the middle of octant k,
+        // so the nearest point is the octant's, found by signs and |re| vs |im|.
+        const double x = z.real(), y = z.imag();
+        int k;
+        if (y >= 0.0) k = x >= 0.0 ? (y < x ? 0 : 1) : (y > -x ? 2 : 3);
+        else k = x < 0.0 ? (-y < -x ? 4 : 5) : (-y > x ? 6 : 7);
+        return c.points[std::size_t(k)];
+    }
     if (c.side == 0) {
         cd best = c.points.front();
         double bd = std::norm(z - best);
@@ -231,8 +240,11 @@ PhaseLine fitLine(const WorkVec<cd>& z, const Instants& t, const Constellation& 
 // the decisions it would keep.
 PhaseLine decisionDirectedLine(const WorkVec<cd>& z, const Instants& t, const Constellation& c,
                                ModType family, PhaseLine line, WorkVec<cd>& ideal,
-                               WorkVec<cd>& norm) {
+                               WorkVec<cd>& norm, bool lineFitted = false) {
     const std::size_t stride = z.size() / 8192;
+    // A line already fitted on these symbols (before a small compensation)
+    // needs only the full-length pass.
+    if (lineFitted && stride >= 2 && family != MT_ASK) return fitLine(z, t, c, family, line, 1, ideal, norm);
     if (stride >= 2 && family != MT_ASK) {
         Instants sparse = t;
         sparse.T = t.T * double(stride);
@@ -245,6 +257,22 @@ PhaseLine decisionDirectedLine(const WorkVec<cd>& z, const Instants& t, const Co
     return fitLine(z, t, c, family, line, 12, ideal, norm);
 }
 
+// norm_k = z_k exp(-j (phase0 + omega t_k)) / gain: the symbols on the grid
+// of the ideal points under a line. One phasor advanced per symbol and
+// re-seeded from the exact phase every 256 symbols.
+void normalise(const WorkVec<cd>& z, const Instants& t, const PhaseLine& line,
+               WorkVec<cd>& norm) {
+    norm.resize(z.size());
+    const cd inverse = 1.0 / line.gain;
+    const cd step = std::polar(1.0, -line.omega * t.T);
+    cd v(1.0, 0.0);
+    for (std::size_t k = 0; k < z.size(); ++k) {
+        v = (k % 256 == 0) ? std::polar(1.0, -(line.phase0 + line.omega * t.at(k))) * inverse
+                           : v * step;
+        norm[k] = z[k] * v;
+    }
+}
+
 // Up to `passes` rounds of decisions and line fit, stopping once settled;
 // `norm` and `ideal` are left for the final line.
 PhaseLine fitLine(const WorkVec<cd>& z, const Instants& t, const Constellation& c,
@@ -252,12 +280,9 @@ PhaseLine fitLine(const WorkVec<cd>& z, const Instants& t, const Constellation& 
                   WorkVec<cd>& norm) {
     const std::size_t K = z.size();
     const double tmid = 0.5 * (t.at(0) + t.at(K - 1));
-    norm.assign(K, cd(0, 0));
     WorkVec<cd> previous;
     for (int it = 0; it < passes; ++it) {
-        const WorkVec<cd> rot = rotations(-line.phase0, -line.omega, t);
-        const cd inverse = 1.0 / line.gain;
-        for (std::size_t k = 0; k < K; ++k) norm[k] = z[k] * rot[k] * inverse;
+        normalise(z, t, line, norm);
         previous.swap(ideal);
         decide(norm, c, family, ideal);
         double sw = 0, sx = 0, sy = 0, sxx = 0, sxy = 0, den = 0;
@@ -292,9 +317,7 @@ PhaseLine fitLine(const WorkVec<cd>& z, const Instants& t, const Constellation& 
                              std::fabs(dw) * double(K) * t.T < 1e-6;
         if (settled) break;
     }
-    const WorkVec<cd> rot = rotations(-line.phase0, -line.omega, t);
-    const cd inverse = 1.0 / line.gain;
-    for (std::size_t k = 0; k < K; ++k) norm[k] = z[k] * rot[k] * inverse;
+    normalise(z, t, line, norm);
     decide(norm, c, family, ideal);
     return line;
 }
@@ -451,7 +474,7 @@ void measureLinear(MeasurementPipeline& p, VantrelMeasurement& m) {
     for (int outer = 0; outer < 3; ++outer) {
         // Each pass starts from the previous line: after the first, the
         // decisions rarely change and one step confirms the fit.
-        line = decisionDirectedLine(zc, t, alpha, p.family, line, ideal, norm);
+        line = decisionDirectedLine(zc, t, alpha, p.family, line, ideal, norm, outer > 0);
         // Widely-linear fit on the uncompensated symbols: reference s_k, its
         // image conj(s_k) b_k^2 (the derotation by Omega turns it at -2 Omega)
         // and the origin offset b_k = exp(-j Omega t_k), with |b_k| = 1. The

@@ -108,7 +108,8 @@ double dot_interleaved(const double* x, const double* taps, int width) {
 
 template <class T>
 T FractionalFilter::eval(const T* x, long n, double t) const {
-    const double fl = std::floor(t);
+    // Truncation is the floor for t >= 0 and needs no library call.
+    const double fl = t >= 0.0 && t < 9.0e15 ? double(static_cast<long long>(t)) : std::floor(t);
     const long first = static_cast<long>(fl) - K_ + 1;
     const double pos = (t - fl) * kPhases;
     const int p = std::min(kPhases - 1, static_cast<int>(pos));
@@ -135,6 +136,14 @@ T FractionalFilter::eval(const T* x, long n, double t) const {
 }
 
 cd FractionalFilter::at(const cd* x, long n, double t) const { return eval(x, n, t); }
+
+cd FractionalFilter::atSample(const cd* x, long n, long j) const {
+    // Phase 0 of the table: the taps of a position on a sample.
+    const long first = j - K_ + 1;
+    const int width = 2 * K_;
+    if (first >= 0 && first + width <= n) return dot_interleaved(x + first, rows_.data(), width);
+    return eval(x, n, double(j));
+}
 double FractionalFilter::at(const double* x, long n, double t) const { return eval(x, n, t); }
 
 FilterRef cached_filter(const FilterKey& key, const std::function<FractionalFilter()>& design) {
@@ -186,7 +195,11 @@ WorkVec<cd> convert_rate(const WorkVec<cd>& x, double step, const FractionalFilt
     const long n = static_cast<long>(x.size());
     const std::size_t count = static_cast<std::size_t>(std::floor(double(n - 1) / step)) + 1;
     WorkVec<cd> y(count);
-    for (std::size_t m = 0; m < count; ++m) y[m] = f.at(x.data(), n, double(m) * step);
+    // A whole number of input samples per output (decimation by an integer)
+    // puts every output on an input sample: a plain decimating FIR.
+    const long whole = step >= 1.0 && step == std::floor(step) && step < 1e9 ? long(step) : 0;
+    for (std::size_t m = 0; m < count; ++m)
+        y[m] = whole > 0 ? f.atSample(x.data(), n, long(m) * whole) : f.at(x.data(), n, double(m) * step);
     return y;
 }
 

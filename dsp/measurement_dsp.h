@@ -79,6 +79,8 @@ public:
     int halfTaps() const { return K_; }
     cd at(const cd* x, long n, double t) const;
     double at(const double* x, long n, double t) const;
+    // The same at a sample position j (t = j), without the phase search.
+    cd atSample(const cd* x, long n, long j) const;
 
 private:
     template <class T>
