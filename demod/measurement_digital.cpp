@@ -10,7 +10,8 @@
 //  4. carrier removed from the analysis stream, matched filter again,
 //     symbols interpolated at the instants;
 //  5. decision-directed fit of a straight phase line (phase and residual
-//     frequency) through arg(z_k conj(a_k)), iterated with the decisions;
+//     frequency), the line of least error power sum |z_k - a_k|^2 found by
+//     Gauss-Newton steps iterated with the decisions;
 //  6. widely-linear least squares of the symbols on the ideal points, their
 //     image and a constant: gain, image (gain imbalance, quadrature error)
 //     and the origin offset; the symbols are compensated and steps 5-6 run
@@ -206,11 +207,6 @@ void decide(const WorkVec<cd>& norm, const Constellation& c, ModType family,
     for (std::size_t k = 0; k < norm.size(); ++k) ideal[k] = nearest(c, norm[k]);
 }
 
-// Decision-directed phase line through the symbols z_k, from a starting
-// line: repeated decisions and straight-line fits of the phase error
-// weighted by |a_k|^2, until the decisions settle and the line stops moving. Returns the decided ideal
-// points (grid units) in `ideal` and the symbols normalised to the grid in
-// `norm`.
 // Starting line of the decision-directed fit: the phase from the M-th power
 // of the symbols against the alphabet's own M-th power, no residual
 // frequency, and the gain that matches the mean powers.
@@ -285,22 +281,26 @@ PhaseLine fitLine(const WorkVec<cd>& z, const Instants& t, const Constellation& 
         normalise(z, t, line, norm);
         previous.swap(ideal);
         decide(norm, c, family, ideal);
-        double sw = 0, sx = 0, sy = 0, sxx = 0, sxy = 0, den = 0;
+        // Gauss-Newton step of the squared error sum |r_k - a_k|^2 over the
+        // line: with r_k = |r_k| exp(j e_k) a_k / |a_k|, its derivatives in
+        // phase and slope are the sums of Im(r_k conj(a_k)) = |r_k||a_k|
+        // sin(e_k), near |a_k|^2 e_k. So the weighted fit of e_k (weights
+        // |a_k|^2) needs no angle at all, and its fixed point is the line of
+        // least error power, which is what MER and EVM are measured against.
+        double sw = 0, sx = 0, sy = 0, sxx = 0, sxy = 0;
         cd num(0, 0);
         for (std::size_t k = 0; k < K; ++k) {
             const double w = std::norm(ideal[k]);
-            if (!(w > 0.0)) continue;
             const cd prod = norm[k] * std::conj(ideal[k]);
-            const double e = std::arg(prod);
             const double x = t.at(k) - tmid;
             sw += w;
             sx += w * x;
-            sy += w * e;
+            sy += prod.imag();
             sxx += w * x * x;
-            sxy += w * x * e;
+            sxy += x * prod.imag();
             num += prod;
-            den += w;
         }
+        const double den = sw;
         const double d = sw * sxx - sx * sx;
         if (!(sw > 0.0) || !(d > 0.0)) break;
         const double dw = (sw * sxy - sx * sy) / d;

@@ -27,7 +27,7 @@ void measureErrorVector(const MeasurementPipeline& p, VantrelMeasurement& m) {
         idealPower += std::norm(a);
         errorPower += e2;
         error[k] = std::sqrt(e2);
-        const double mag = std::abs(r) - std::abs(a);
+        const double mag = std::sqrt(std::norm(r)) - std::sqrt(std::norm(a));
         magSquares += mag * mag;
         if (std::norm(a) > 0.0) {
             const double ph = std::arg(r * std::conj(a));
