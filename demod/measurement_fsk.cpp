@@ -79,30 +79,52 @@ double linearAt(const WorkVec<double>& x, double t) {
 // terms absorb the interference of a shaped frequency pulse, so the
 // intercept is the carrier alone. coef = {fc, d_-2 .. d_2}; residual is the
 // RMS misfit in Hz.
+// The regressors of a symbol are its pattern of five levels (at most 4^5 of
+// them), so the normal equations are formed from each pattern's count and
+// sum of advances, and the misfit from each pattern's model value.
 bool fitLevels(const WorkVec<int>& level, const WorkVec<double>& adv,
                WorkVec<double>& coef, double& residual) {
     const std::size_t K = level.size();
     if (K < 8) return false;
-    auto row = [&](std::size_t k, double r[6]) {
-        r[0] = 1.0;
-        for (int j = 0; j < 5; ++j) r[j + 1] = double(level[k + std::size_t(j) - 2]);
+    constexpr int kPatterns = 1024;  // five levels of four values
+    auto patternOf = [&](std::size_t k) {
+        int index = 0;
+        for (int j = 0; j < 5; ++j)
+            index = 4 * index + (level[k + std::size_t(j) - 2] + 3) / 2;  // -3..3 -> 0..3
+        return index;
     };
-    double A[6][7] = {};
+    auto levelsOf = [](int index, double r[6]) {
+        r[0] = 1.0;
+        for (int j = 4; j >= 0; --j, index /= 4) r[j + 1] = double(2 * (index % 4) - 3);
+    };
+    WorkVec<double> count(kPatterns, 0.0), sum(kPatterns, 0.0);
     for (std::size_t k = 2; k + 2 < K; ++k) {
+        const int pattern = patternOf(k);
+        count[std::size_t(pattern)] += 1.0;
+        sum[std::size_t(pattern)] += adv[k];
+    }
+    double A[6][7] = {};
+    for (int pattern = 0; pattern < kPatterns; ++pattern) {
+        const double c = count[std::size_t(pattern)];
+        if (c == 0.0) continue;
         double r[6];
-        row(k, r);
+        levelsOf(pattern, r);
         for (int i = 0; i < 6; ++i) {
-            for (int j = 0; j < 6; ++j) A[i][j] += r[i] * r[j];
-            A[i][6] += r[i] * adv[k];
+            for (int j = 0; j < 6; ++j) A[i][j] += c * r[i] * r[j];
+            A[i][6] += r[i] * sum[std::size_t(pattern)];
         }
     }
     if (!solveNormal(A, 6, coef)) return false;
+    WorkVec<double> model(kPatterns, 0.0);
+    for (int pattern = 0; pattern < kPatterns; ++pattern) {
+        double r[6];
+        levelsOf(pattern, r);
+        for (int j = 0; j < 6; ++j) model[std::size_t(pattern)] += coef[std::size_t(j)] * r[j];
+    }
     residual = 0.0;
     for (std::size_t k = 2; k + 2 < K; ++k) {
-        double r[6], model = 0.0;
-        row(k, r);
-        for (int j = 0; j < 6; ++j) model += coef[std::size_t(j)] * r[j];
-        residual += (adv[k] - model) * (adv[k] - model);
+        const double e = adv[k] - model[std::size_t(patternOf(k))];
+        residual += e * e;
     }
     residual = std::sqrt(residual / double(K - 4));
     return true;
@@ -133,24 +155,25 @@ WorkVec<int> correlatorLevels(const WorkVec<cd>& s, double fs,
         const double a = t[k] - 0.5 * T, b = t[k] + 0.5 * T;
         const long lo = std::max(0L, static_cast<long>(std::floor(a + 0.5)));
         const long hi = std::min({n, static_cast<long>(std::floor(b + 0.5)) + 1, lo + long(width)});
-        double share[64];
-        const long count = std::min(hi - lo, 64L);
+        // The samples weighted by their shares, once for all the tones.
+        double xr[64], xi[64];
+        const long count = std::max(0L, std::min(hi - lo, 64L));
         for (long i = 0; i < count; ++i) {
             const double c = double(lo + i);
-            share[i] = std::fmax(0.0, std::fmin(c + 0.5, b) - std::fmax(c - 0.5, a));
+            const double upper = c + 0.5 < b ? c + 0.5 : b, lower = c - 0.5 > a ? c - 0.5 : a;
+            const double share = upper > lower ? upper - lower : 0.0;
+            xr[i] = share * s[std::size_t(lo + i)].real();
+            xi[i] = share * s[std::size_t(lo + i)].imag();
         }
         double best = -1.0;
         for (std::size_t l = 0; l < levels.size(); ++l) {
-            cd acc(0.0, 0.0);
-            const cd* x = s.data() + lo;
             const cd* w = tone[l].data();
             double re = 0.0, im = 0.0;
             for (long i = 0; i < count; ++i) {  // the product written out
-                const double xr = share[i] * x[i].real(), xi = share[i] * x[i].imag();
-                re += xr * w[i].real() - xi * w[i].imag();
-                im += xr * w[i].imag() + xi * w[i].real();
+                re += xr[i] * w[i].real() - xi[i] * w[i].imag();
+                im += xr[i] * w[i].imag() + xi[i] * w[i].real();
             }
-            acc = cd(re, im);
+            const cd acc(re, im);
             if (std::norm(acc) > best) {
                 best = std::norm(acc);
                 out[k] = levels[l];
@@ -161,13 +184,13 @@ WorkVec<int> correlatorLevels(const WorkVec<cd>& s, double fs,
 }
 
 // Tone of each level from the decided symbols: the lag-one product
-// s[n+1] conj(s[n]) summed over the sample pairs inside the symbols of that
+// lag[n+1] = s[n+1] conj(s[n]) summed over the sample pairs inside the symbols of that
 // level has the angle 2 pi f / fs, and summing before taking the angle keeps
 // the noise from wrapping it. A weighted straight line through the tones
 // gives the centre and the frequency step of one level unit.
-bool measureTones(const WorkVec<cd>& s, double fs, const WorkVec<double>& t, double T,
+bool measureTones(const WorkVec<cd>& lag, double fs, const WorkVec<double>& t, double T,
                   const WorkVec<int>& level, double& centre, double& unit) {
-    const long n = static_cast<long>(s.size());
+    const long n = static_cast<long>(lag.size());
     cd sum[7] = {};
     double pairs[7] = {};
     for (std::size_t k = 0; k < t.size(); ++k) {
@@ -175,7 +198,7 @@ bool measureTones(const WorkVec<cd>& s, double fs, const WorkVec<double>& t, dou
         const long hi = std::min(n, static_cast<long>(std::ceil(t[k] + 0.5 * T)));
         const int slot = level[k] + 3;
         for (long i = lo; i + 1 < hi; ++i) {
-            sum[slot] += s[static_cast<std::size_t>(i + 1)] * std::conj(s[static_cast<std::size_t>(i)]);
+            sum[slot] += lag[static_cast<std::size_t>(i + 1)];
             pairs[slot] += 1.0;
         }
     }
@@ -213,11 +236,13 @@ void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
                     : WorkVec<cd>();
     const WorkVec<cd>& s = interpolate ? x : p.raw;
     const std::size_t n = s.size();
-    // Unwrapped phase and instantaneous frequency (Hz).
-    WorkVec<double> phase(n, 0.0);
-    WorkVec<cd> freq(n, cd(0, 0));
+    // Unwrapped phase and instantaneous frequency (Hz), from the lag-one
+    // products lag[i] = s[i] conj(s[i-1]) (kept for the tone measurement).
+    WorkVec<double> phase(n, 0.0), freq(n, 0.0);
+    WorkVec<cd> lag(n, cd(0, 0));
     for (std::size_t i = 1; i < n; ++i) {
-        const double d = std::arg(s[i] * std::conj(s[i - 1]));
+        lag[i] = s[i] * std::conj(s[i - 1]);
+        const double d = std::arg(lag[i]);
         phase[i] = phase[i - 1] + d;
         freq[i] = d * fs / kTwoPi;
     }
@@ -226,15 +251,12 @@ void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
     // symbols for rectangular frequency pulses, and its square carries the
     // symbol-rate line used for the clock.
     const WorkVec<double> h = vantrel::meas::receive_filter(FILTER_RECT, 0.0, sps);
-    const WorkVec<cd> g = vantrel::meas::filter_centred(freq, h);
+    const WorkVec<double> gr = vantrel::meas::filter_centred(freq, h);
     double mean = 0.0;
-    for (const cd& v : g) mean += v.real();
+    for (double v : gr) mean += v;
     mean /= double(n);
-    WorkVec<double> v(n), gr(n);
-    for (std::size_t i = 0; i < n; ++i) {
-        gr[i] = g[i].real();
-        v[i] = (gr[i] - mean) * (gr[i] - mean);
-    }
+    WorkVec<double> v(n);
+    for (std::size_t i = 0; i < n; ++i) v[i] = (gr[i] - mean) * (gr[i] - mean);
     p.clock = vantrel::meas::estimate_symbol_clock(v, sps);
     p.instants = instantsOf(p.clock, n, double(h.size() / 2) + 20.0 + 2.0 * sps);
     // The phase difference of samples i-1 and i is the frequency half a
@@ -293,12 +315,12 @@ void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
     // hold enough cycles to tell them by correlation (they are far from
     // orthogonal); there the discriminator's decisions are kept.
     double toneCentre = fc, toneUnit = levelOne;
-    measureTones(s, fs, t, T, level, toneCentre, toneUnit);
+    measureTones(lag, fs, t, T, level, toneCentre, toneUnit);
     const bool separable = 2.0 * std::fabs(toneUnit) >= 0.75 * p.rb;
     WorkVec<int> heard;
     if (separable) {
         heard = correlatorLevels(s, fs, t, T, toneCentre, toneUnit, four);
-        for (int round = 0; round < 1 && measureTones(s, fs, t, T, heard, toneCentre, toneUnit);
+        for (int round = 0; round < 1 && measureTones(lag, fs, t, T, heard, toneCentre, toneUnit);
              ++round)
             heard = correlatorLevels(s, fs, t, T, toneCentre, toneUnit, four);
     }

@@ -91,23 +91,26 @@ FractionalFilter design_matched_interpolator(int filterType, double beta, double
     return FractionalFilter(H + 1, [&](double d) { return pulse(d / sps) * scale; });
 }
 
-WorkVec<cd> filter_centred(const WorkVec<cd>& x, const WorkVec<double>& h) {
+namespace {
+
+// The centred filter over samples of `lanes` doubles each (2 for complex,
+// 1 for real): a real tap scales every lane alike, so the sums run over the
+// interleaved doubles.
+template <class T>
+WorkVec<T> filterCentred(const WorkVec<T>& x, const WorkVec<double>& h) {
+    constexpr std::size_t lanes = sizeof(T) / sizeof(double);
     const std::size_t n = x.size(), taps = h.size(), H = taps / 2;
-    WorkVec<cd> y(n, cd(0.0, 0.0));
+    WorkVec<T> y(n, T(0.0));
     if (n == 0 || taps == 0) return y;
-    // A complex array is an array of (re, im) double pairs, and a real tap
-    // scales both alike: the sums run over the interleaved doubles.
     const double* xd = reinterpret_cast<const double*>(x.data());
     double* yd = reinterpret_cast<double*>(y.data());
     // Outputs whose taps all fall inside the block read x in place; the few
     // near either end read a zero-padded copy of the first and last 2H.
     const std::size_t edge = std::min(n, 2 * H);
-    WorkVec<double> head(2 * (edge + 2 * H), 0.0), tail(2 * (edge + 2 * H), 0.0);
-    for (std::size_t i = 0; i < edge; ++i) {
-        head[2 * (i + H)] = x[i].real();
-        head[2 * (i + H) + 1] = x[i].imag();
-        tail[2 * (i + H)] = x[n - edge + i].real();
-        tail[2 * (i + H) + 1] = x[n - edge + i].imag();
+    WorkVec<double> head(lanes * (edge + 2 * H), 0.0), tail(lanes * (edge + 2 * H), 0.0);
+    for (std::size_t i = 0; i < lanes * edge; ++i) {
+        head[lanes * H + i] = xd[i];
+        tail[lanes * H + i] = xd[lanes * (n - edge) + i];
     }
     auto run = [&](double* out, const double* in, std::size_t count) {
         // Four taps per sweep of a block of outputs (added in tap order, as
@@ -115,36 +118,44 @@ WorkVec<cd> filter_centred(const WorkVec<cd>& x, const WorkVec<double>& h) {
         // quarter as often; blocks of 1024 outputs stay in cache.
         constexpr std::size_t kBlock = 1024;
         for (std::size_t b = 0; b < count; b += kBlock) {
-            const std::size_t len = 2 * (std::min(count, b + kBlock) - b);
-            double* __restrict o = out + 2 * b;
+            const std::size_t len = lanes * (std::min(count, b + kBlock) - b);
+            double* __restrict o = out + lanes * b;
             std::size_t k = 0;
             for (; k + 4 <= taps; k += 4) {
                 const double w0 = h[k], w1 = h[k + 1], w2 = h[k + 2], w3 = h[k + 3];
-                const double* __restrict v = in + 2 * (b + k);
+                const double* __restrict v = in + lanes * (b + k);
                 for (std::size_t i = 0; i < len; ++i)
-                    o[i] = (((o[i] + w0 * v[i]) + w1 * v[i + 2]) + w2 * v[i + 4]) + w3 * v[i + 6];
+                    o[i] = (((o[i] + w0 * v[i]) + w1 * v[i + lanes]) + w2 * v[i + 2 * lanes]) +
+                           w3 * v[i + 3 * lanes];
             }
             for (; k < taps; ++k) {
                 const double w = h[k];
-                const double* __restrict v = in + 2 * (b + k);
+                const double* __restrict v = in + lanes * (b + k);
                 for (std::size_t i = 0; i < len; ++i) o[i] += w * v[i];
             }
         }
     };
     if (n <= 2 * H) {
         // Short block: everything from the padded copy.
-        WorkVec<double> padded(2 * (n + 2 * H), 0.0);
-        for (std::size_t i = 0; i < n; ++i) {
-            padded[2 * (i + H)] = x[i].real();
-            padded[2 * (i + H) + 1] = x[i].imag();
-        }
+        WorkVec<double> padded(lanes * (n + 2 * H), 0.0);
+        for (std::size_t i = 0; i < lanes * n; ++i) padded[lanes * H + i] = xd[i];
         run(yd, padded.data(), n);
         return y;
     }
-    run(yd, head.data(), H);                                   // outputs 0 .. H-1
-    run(yd + 2 * H, xd, n - 2 * H);                            // outputs H .. n-H-1
-    run(yd + 2 * (n - H), tail.data() + 2 * (edge - H), H);    // outputs n-H .. n-1
+    run(yd, head.data(), H);                                           // outputs 0 .. H-1
+    run(yd + lanes * H, xd, n - 2 * H);                                // outputs H .. n-H-1
+    run(yd + lanes * (n - H), tail.data() + lanes * (edge - H), H);    // outputs n-H .. n-1
     return y;
+}
+
+}  // namespace
+
+WorkVec<cd> filter_centred(const WorkVec<cd>& x, const WorkVec<double>& h) {
+    return filterCentred(x, h);
+}
+
+WorkVec<double> filter_centred(const WorkVec<double>& x, const WorkVec<double>& h) {
+    return filterCentred(x, h);
 }
 
 namespace {

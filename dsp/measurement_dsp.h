@@ -137,6 +137,7 @@ FractionalFilter design_matched_interpolator(int filterType, double beta, double
 // Computed tap by tap over blocks of outputs, so the inner loop is a plain
 // multiply-add over contiguous memory that the compiler vectorises.
 WorkVec<cd> filter_centred(const WorkVec<cd>& x, const WorkVec<double>& h);
+WorkVec<double> filter_centred(const WorkVec<double>& x, const WorkVec<double>& h);
 
 // Value at fractional position t (samples) by a 32-tap Kaiser-windowed sinc
 // (beta 8, a FractionalFilter with fc = 0.5); zero outside the block.
