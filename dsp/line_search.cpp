@@ -2,6 +2,9 @@
 // strongest line to a small fraction of a bin, and a sinusoid fit.
 #include <algorithm>
 #include <cmath>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "measurement_dsp.h"
 
@@ -28,33 +31,54 @@ void fft_pow2(WorkVec<cd>& x) {
         if (i < j) std::swap(x[i], x[j]);
     }
     // Twiddles laid out stage after stage: stage len (half = len / 2) reads
-    // exp(-j 2 pi k / len), k < half, contiguously from offset half - 1.
+    // exp(-j 2 pi k / len), k < half, from offset half - 1, each as the pair
+    // (re, re) followed by (-im, im), the operands of one product below.
     // Kept per thread and per size for the next transform (a Welch estimate
     // runs hundreds, between two searches of a longer one).
-    thread_local std::vector<std::vector<cd>> tables(64);
+    thread_local std::vector<std::vector<double>> tables(64);
     std::size_t log2n = 0;
     while ((std::size_t(1) << log2n) < n) ++log2n;
-    std::vector<cd>& table = tables[log2n];
-    if (table.size() != n - 1 && n > 1) {
-        table.resize(n - 1);
-        for (std::size_t half = 1; half < n; half <<= 1)
-            for (std::size_t k = 0; k < half; ++k)
-                table[half - 1 + k] = std::polar(1.0, -kTwoPi * double(k) / double(2 * half));
-    }
-    cd* data = x.data();
-    for (std::size_t half = 1; half < n; half <<= 1) {
-        const cd* w = table.data() + (half - 1);
-        for (std::size_t i = 0; i < n; i += 2 * half) {
-            cd* lo = data + i;
-            cd* up = lo + half;
+    std::vector<double>& table = tables[log2n];
+    if (table.size() != 4 * (n - 1) && n > 1) {
+        table.resize(4 * (n - 1));
+        for (std::size_t half = 1; half < n; half <<= 1) {
             for (std::size_t k = 0; k < half; ++k) {
-                // The product written out: every value here is finite, so
-                // the infinity-aware complex multiply is not needed.
-                const double ur = up[k].real(), ui = up[k].imag();
-                const double wr = w[k].real(), wi = w[k].imag();
-                const cd t(ur * wr - ui * wi, ur * wi + ui * wr);
-                up[k] = lo[k] - t;
-                lo[k] += t;
+                const cd w = std::polar(1.0, -kTwoPi * double(k) / double(2 * half));
+                double* e = table.data() + 4 * (half - 1 + k);
+                e[0] = w.real();
+                e[1] = w.real();
+                e[2] = -w.imag();
+                e[3] = w.imag();
+            }
+        }
+    }
+    double* data = reinterpret_cast<double*>(x.data());
+    for (std::size_t half = 1; half < n; half <<= 1) {
+        const double* w = table.data() + 4 * (half - 1);
+        for (std::size_t i = 0; i < n; i += 2 * half) {
+            double* lo = data + 2 * i;
+            double* up = lo + 2 * half;
+            for (std::size_t k = 0; k < half; ++k) {
+                // t = up w written out: (ur wr - ui wi, ui wr + ur wi), every
+                // value here finite, so the infinity-aware multiply is not
+                // needed. One register holds (re, im).
+#if defined(__SSE2__)
+                const __m128d u = _mm_loadu_pd(up + 2 * k);
+                const __m128d swapped = _mm_shuffle_pd(u, u, 1);
+                const __m128d t = _mm_add_pd(_mm_mul_pd(u, _mm_loadu_pd(w + 4 * k)),
+                                             _mm_mul_pd(swapped, _mm_loadu_pd(w + 4 * k + 2)));
+                const __m128d l = _mm_loadu_pd(lo + 2 * k);
+                _mm_storeu_pd(up + 2 * k, _mm_sub_pd(l, t));
+                _mm_storeu_pd(lo + 2 * k, _mm_add_pd(l, t));
+#else
+                const double ur = up[2 * k], ui = up[2 * k + 1];
+                const double tr = ur * w[4 * k] + ui * w[4 * k + 2];
+                const double ti = ui * w[4 * k + 1] + ur * w[4 * k + 3];
+                up[2 * k] = lo[2 * k] - tr;
+                up[2 * k + 1] = lo[2 * k + 1] - ti;
+                lo[2 * k] += tr;
+                lo[2 * k + 1] += ti;
+#endif
             }
         }
     }

@@ -32,7 +32,10 @@ WorkVec<double> welch_psd(const WorkVec<cd>& x, std::size_t nfft, cd offset,
     for (std::size_t start = 0; start + nfft <= x.size(); start += hop) {
         for (std::size_t n = 0; n < nfft; ++n) buf[n] = (x[start + n] - offset) * w[n];
         fft_pow2(buf);
-        for (std::size_t k = 0; k < nfft; ++k) psd[(k + nfft / 2) % nfft] += std::norm(buf[k]);
+        // Bin k goes to k + nfft/2 (mod nfft): zero frequency in the middle.
+        const std::size_t mid = nfft / 2;
+        for (std::size_t k = 0; k < mid; ++k) psd[k + mid] += std::norm(buf[k]);
+        for (std::size_t k = mid; k < nfft; ++k) psd[k - mid] += std::norm(buf[k]);
         ++segments;
     }
     // For white noise of power P, E|X_k|^2 = P sum w^2, so dividing by
