@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -591,5 +592,26 @@ TEST(MeasurementRateConversion, PassbandExactAndAliasesSuppressed) {
             for (size_t m = 1000; m + 1000 < out.size(); ++m) peak = std::max(peak, std::abs(out[m]));
             EXPECT_LT(peak, 1e-4) << sps;
         }
+    }
+}
+
+// The measurement FFT against the plain DFT sum at every size the spectra use
+// from 1 to 4096 points (all its stages, the first trivial ones included).
+TEST(MeasurementRateConversion, FftMatchesTheDftSum) {
+    std::mt19937 rng(11);
+    std::normal_distribution<double> g(0.0, 1.0);
+    for (std::size_t n = 1; n <= 4096; n *= 4) {
+        vantrel::meas::WorkVec<vantrel::meas::cd> x(n);
+        for (auto& v : x) v = vantrel::meas::cd(g(rng), g(rng));
+        vantrel::meas::WorkVec<vantrel::meas::cd> y = x;
+        vantrel::meas::fft_pow2(y);
+        double worst = 0.0;
+        for (std::size_t k = 0; k < n; k += std::max<std::size_t>(1, n / 64)) {
+            vantrel::meas::cd want(0, 0);
+            for (std::size_t i = 0; i < n; ++i)
+                want += x[i] * std::polar(1.0, -2 * kPi * double((i * k) % n) / double(n));
+            worst = std::max(worst, std::abs(y[k] - want));
+        }
+        EXPECT_LT(worst, 1e-10 * std::sqrt(double(n))) << n;
     }
 }
