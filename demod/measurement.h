@@ -73,3 +73,8 @@ void measureAnalog(MeasurementPipeline& p, VantrelMeasurement& m);
 // Occupied bandwidth, carrier-to-noise ratio and I/Q origin offset from the
 // power spectrum, around the measured carrier; guardHz bounds the signal band.
 void measureBand(const MeasurementPipeline& p, double guardHz, VantrelMeasurement& m);
+// The same from a spectrum already taken by bandSpectrum, the Welch power
+// spectrum of the raw block at the resolution these figures need.
+void measureBand(const MeasurementPipeline& p, const vantrel::meas::WorkVec<double>& psd,
+                 double guardHz, VantrelMeasurement& m);
+vantrel::meas::WorkVec<double> bandSpectrum(const MeasurementPipeline& p);

@@ -7,9 +7,9 @@
 using vantrel::meas::cd;
 using vantrel::meas::WorkVec;
 
-void measureBand(const MeasurementPipeline& p, double guardHz, VantrelMeasurement& m) {
+WorkVec<double> bandSpectrum(const MeasurementPipeline& p) {
     const std::size_t n = p.raw.size();
-    if (n < 64 || !(p.fs > 0.0)) return;
+    if (n < 64 || !(p.fs > 0.0)) return WorkVec<double>();
     // Resolution: at least 1024 bins per symbol rate (so the window's main
     // lobe blurs the band edges by well under 1 % of the bandwidth), but at
     // least four segments of the capture.
@@ -19,7 +19,17 @@ void measureBand(const MeasurementPipeline& p, double guardHz, VantrelMeasuremen
     while (nfft * 4 > n && nfft > 64) nfft >>= 1;
     // 24 segments average the noise floor to about a fifth of its spread,
     // inside the figures' accuracy; more would only cost time.
-    const WorkVec<double> psd = vantrel::meas::welch_psd(p.raw, nfft, p.dc, 24);
+    return vantrel::meas::welch_psd(p.raw, nfft, p.dc, 24);
+}
+
+void measureBand(const MeasurementPipeline& p, double guardHz, VantrelMeasurement& m) {
+    measureBand(p, bandSpectrum(p), guardHz, m);
+}
+
+void measureBand(const MeasurementPipeline& p, const WorkVec<double>& psd, double guardHz,
+                 VantrelMeasurement& m) {
+    const std::size_t n = p.raw.size();
+    if (n < 64 || !(p.fs > 0.0) || psd.empty()) return;
     const vantrel::meas::BandFigures b =
         vantrel::meas::occupied_band(psd, p.fs, p.carrierHz, guardHz);
     m.occupiedBandwidthHz = b.obwHz;

@@ -223,16 +223,31 @@ bool measureTones(const WorkVec<cd>& lag, double fs, const WorkVec<double>& t, d
 
 void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
     const double rawSps = p.fs / p.rb;
-    // A capture below four samples per symbol is interpolated to four, one
-    // above eight decimated to eight; the filter is flat to 0.4 of the lower
-    // rate (FSK of any usable deviation lies inside) and stops from 0.6.
-    const bool interpolate = rawSps < kFskLowestSps || rawSps > kFskHighestSps;
-    const double sps = rawSps < kFskLowestSps ? kFskLowestSps : interpolate ? kFskHighestSps : rawSps;
+    // The band the signal occupies above the noise (where its smoothed
+    // spectrum is at least the noise floor again), with a margin. Noise
+    // beyond it only makes the discriminator click at low SNR; when the band
+    // fits four samples per symbol with its aliases outside it, the block is
+    // brought to four through a filter that ends there.
+    const WorkVec<double> psd = bandSpectrum(p);
+    // (Rounded up to 1/20 Rb, so that block after block reuses a few filter
+    // designs.)
+    const double edge =
+        std::ceil(20.0 * (vantrel::meas::signal_band_edge(psd, p.fs, 2.0) / p.rb + 0.4)) / 20.0;
+    const bool narrow = std::isfinite(edge) && edge <= 1.5;
+    // Otherwise a capture below four samples per symbol is interpolated to
+    // four, one above eight decimated to eight; the filter is flat to 0.4 of
+    // the lower rate (FSK of any usable deviation lies inside) and stops
+    // from 0.6.
+    const double sps = rawSps < kFskLowestSps || (narrow && rawSps > kFskLowestSps)
+                           ? kFskLowestSps
+                           : std::min(rawSps, kFskHighestSps);
+    const bool interpolate = sps != rawSps;
+    double band = 0.4 * std::min(rawSps, sps);
+    if (narrow) band = std::min(band, edge);
     const double fs = sps * p.rb;
     const WorkVec<cd> x =
-        interpolate ? vantrel::meas::convert_rate(
-                          p.raw, rawSps / sps,
-                          *vantrel::meas::rate_filter(rawSps, sps, 0.4 * std::min(rawSps, sps)))
+        interpolate ? vantrel::meas::convert_rate(p.raw, rawSps / sps,
+                                                  *vantrel::meas::rate_filter(rawSps, sps, band))
                     : WorkVec<cd>();
     const WorkVec<cd>& s = interpolate ? x : p.raw;
     const std::size_t n = s.size();
@@ -349,7 +364,7 @@ void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
         m.fskDeviationHz = outer;
         m.fskErrorPercent = 100.0 * residual / outer;
     }
-    measureBand(p, std::max(outer, step * (four ? 3.0 : 1.0)) + 1.5 * m.modulationRateHz, m);
+    measureBand(p, psd, std::max(outer, step * (four ? 3.0 : 1.0)) + 1.5 * m.modulationRateHz, m);
     // The I/Q figures of a constant-envelope FSK signal are not estimated in
     // this release.
     m.iqOffsetDb = std::numeric_limits<double>::quiet_NaN();

@@ -213,4 +213,12 @@ struct BandFigures {
 };
 BandFigures occupied_band(const WorkVec<double>& psd, double fs, double fc, double guard);
 
+// Edge of the band a signal occupies above the noise: the largest |f| (Hz,
+// about 0 Hz) where the spectrum, smoothed over 1/128 of its bins, exceeds
+// `above` times the floor. The floor is the smoothed spectrum's 20th
+// percentile: the noise while the signal fills less than four fifths of the
+// band; a signal filling more makes it a skirt of the signal, which still
+// leaves the edge near the signal's own.
+double signal_band_edge(const WorkVec<double>& psd, double fs, double above);
+
 }  // namespace vantrel::meas

@@ -1,4 +1,5 @@
 // Power spectral density, 99 % occupied bandwidth and the noise floor.
+#include <algorithm>
 #include <cmath>
 
 #include "measurement_dsp.h"
@@ -88,6 +89,31 @@ BandFigures occupied_band(const WorkVec<double>& psd, double fs, double fc, doub
     r.signalPower = total;
     r.noiseDensity = noise / df;
     return r;
+}
+
+double signal_band_edge(const WorkVec<double>& psd, double fs, double above) {
+    const std::size_t nfft = psd.size();
+    if (nfft < 256 || !(fs > 0.0)) return std::nan("");
+    // The spectrum smoothed over nfft / 128 bins (circularly).
+    const std::size_t width = nfft / 128;
+    WorkVec<double> smooth(nfft);
+    double run = 0.0;
+    for (std::size_t k = 0; k < width; ++k) run += psd[(k + nfft - width / 2) % nfft];
+    for (std::size_t k = 0; k < nfft; ++k) {
+        smooth[k] = run / double(width);
+        run += psd[(k + width - width / 2) % nfft] - psd[(k + nfft - width / 2) % nfft];
+    }
+    WorkVec<double> sorted = smooth;
+    const auto rank = sorted.begin() + long(nfft / 5);
+    std::nth_element(sorted.begin(), rank, sorted.end());
+    const double floor = *rank;
+    if (!(floor > 0.0)) return std::nan("");
+    double edge = 0.0;
+    const double df = fs / double(nfft);
+    for (std::size_t k = 0; k < nfft; ++k)
+        if (smooth[k] > above * floor)
+            edge = std::max(edge, std::fabs((double(k) - double(nfft / 2)) * df) + 0.5 * df);
+    return edge;
 }
 
 }  // namespace vantrel::meas

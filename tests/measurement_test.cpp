@@ -565,6 +565,37 @@ TEST(MeasurementFskDeviation, OuterToneWithinHalfAPercent) {
     }
 }
 
+// At low SNR the discriminator sees only the signal's band: noncoherent
+// orthogonal 2FSK at 10 dB Es/N0 decides about as well as theory,
+// 0.5 exp(-Es / 2 N0) = 3.4e-3, at 16 samples per symbol (where the noise
+// band is eight times the signal's) and at 5.5, and the clock and tones hold.
+TEST(MeasurementFskDeviation, LowSnrDecisionsNearTheory) {
+    for (double sps : {16.0, 5.5}) {
+        sg::Config c = digitalConfig(MOD_2FSK_B, sps);
+        c.filterType = sg::kRect;
+        c.numSamples = static_cast<long>(40000 * sps);
+        c.fskDeviationHz = 0.5 * c.Rb;
+        c.esn0Db = 10.0;
+        c.carrierOffsetHz = 0.011 * c.Rb;
+        const sg::Result r = sg::generate(c);
+        MeasurementPipeline p;
+        p.fs = r.fs;
+        p.rb = c.Rb;
+        p.mode = MOD_2FSK_B;
+        p.filterType = c.filterType;
+        p.rolloff = c.rolloff;
+        CommonFun().getDiscriminatorType(static_cast<modulationTypeOut>(p.mode), &p.family, &p.order);
+        for (size_t i = 0; i < r.I.size(); ++i) p.raw.emplace_back(r.I[i], r.Q[i]);
+        VantrelMeasurement m = blankRecord();
+        measureBlock(p, m);
+        const vantrel::accuracy::MeasuredErrors e = vantrel::accuracy::countMeasuredErrors(r, p);
+        SCOPED_TRACE(::testing::Message() << "sps " << sps << " errors " << e.errors << " of " << e.compared);
+        ASSERT_GT(e.compared, 39000);
+        EXPECT_LT(double(e.errors) / double(e.compared), 2.0 * 0.5 * std::exp(-5.0));
+        EXPECT_NEAR(m.fskDeviationHz / c.fskDeviationHz, 1.0, 0.05);
+    }
+}
+
 // Rate conversion: a tone inside the band passes at any ratio with its
 // amplitude and phase, and one that would alias is suppressed.
 TEST(MeasurementRateConversion, PassbandExactAndAliasesSuppressed) {
