@@ -55,6 +55,15 @@ FractionalFilter::FractionalFilter(int halfTaps, const std::function<double(doub
             rows_[std::size_t(p) * std::size_t(width) + std::size_t(i)] =
                 kernel(frac + double(K_ - 1 - i));
     }
+    // A sinc's zeros come out of the sine as about 1e-17 of the peak, not 0.
+    double peak = 0.0;
+    for (int i = 0; i < width; ++i) peak = std::max(peak, std::fabs(rows_[std::size_t(i)]));
+    for (int i = 0; i < width; ++i) {
+        if (std::fabs(rows_[std::size_t(i)]) > 1e-14 * peak) {
+            sampleOffsets_.push_back(i);
+            sampleTaps_.push_back(rows_[std::size_t(i)]);
+        }
+    }
 }
 
 namespace {
@@ -93,6 +102,41 @@ cd dot_interleaved(const cd* x, const double* taps, int width) {
     for (; i < width; ++i) {
         re[0] = re[0] + xv[2 * i] * taps[i];
         im[0] = im[0] + xv[2 * i + 1] * taps[i];
+    }
+    return cd((re[0] + re[1]) + (re[2] + re[3]), (im[0] + im[1]) + (im[2] + im[3]));
+#endif
+}
+
+// sum_i x[offset[i]] taps[i], the same four partial sums as above.
+cd dot_gathered(const cd* x, const int* offset, const double* taps, int count) {
+    const double* xv = reinterpret_cast<const double*>(x);
+#if defined(__SSE2__)
+    __m128d s0 = _mm_setzero_pd(), s1 = s0, s2 = s0, s3 = s0;
+    int i = 0;
+    for (; i + 4 <= count; i += 4) {
+        s0 = _mm_add_pd(s0, _mm_mul_pd(_mm_loadu_pd(xv + 2 * offset[i]), _mm_set1_pd(taps[i])));
+        s1 = _mm_add_pd(s1, _mm_mul_pd(_mm_loadu_pd(xv + 2 * offset[i + 1]), _mm_set1_pd(taps[i + 1])));
+        s2 = _mm_add_pd(s2, _mm_mul_pd(_mm_loadu_pd(xv + 2 * offset[i + 2]), _mm_set1_pd(taps[i + 2])));
+        s3 = _mm_add_pd(s3, _mm_mul_pd(_mm_loadu_pd(xv + 2 * offset[i + 3]), _mm_set1_pd(taps[i + 3])));
+    }
+    for (; i < count; ++i)
+        s0 = _mm_add_pd(s0, _mm_mul_pd(_mm_loadu_pd(xv + 2 * offset[i]), _mm_set1_pd(taps[i])));
+    const __m128d s = _mm_add_pd(_mm_add_pd(s0, s1), _mm_add_pd(s2, s3));
+    double out[2];
+    _mm_storeu_pd(out, s);
+    return cd(out[0], out[1]);
+#else
+    double re[4] = {0, 0, 0, 0}, im[4] = {0, 0, 0, 0};
+    int i = 0;
+    for (; i + 4 <= count; i += 4) {
+        for (int l = 0; l < 4; ++l) {
+            re[l] = re[l] + xv[2 * offset[i + l]] * taps[i + l];
+            im[l] = im[l] + xv[2 * offset[i + l] + 1] * taps[i + l];
+        }
+    }
+    for (; i < count; ++i) {
+        re[0] = re[0] + xv[2 * offset[i]] * taps[i];
+        im[0] = im[0] + xv[2 * offset[i] + 1] * taps[i];
     }
     return cd((re[0] + re[1]) + (re[2] + re[3]), (im[0] + im[1]) + (im[2] + im[3]));
 #endif
@@ -141,7 +185,9 @@ cd FractionalFilter::atSample(const cd* x, long n, long j) const {
     // Phase 0 of the table: the taps of a position on a sample.
     const long first = j - K_ + 1;
     const int width = 2 * K_;
-    if (first >= 0 && first + width <= n) return dot_interleaved(x + first, rows_.data(), width);
+    if (first >= 0 && first + width <= n)
+        return dot_gathered(x + first, sampleOffsets_.data(), sampleTaps_.data(),
+                            int(sampleTaps_.size()));
     return eval(x, n, double(j));
 }
 double FractionalFilter::at(const double* x, long n, double t) const { return eval(x, n, t); }

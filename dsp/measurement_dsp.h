@@ -89,6 +89,11 @@ private:
     static constexpr int kMaxWidth = 1024;  // taps at most (K <= 512)
     int K_;
     std::vector<double> rows_;  // (kPhases + 1) rows of 2K taps
+    // Row 0 without its zeros (a half-band or quarter-band design has a
+    // zero on every second or fourth sample): offsets into the 2K samples
+    // and their taps, for atSample.
+    std::vector<int> sampleOffsets_;
+    std::vector<double> sampleTaps_;
 };
 
 // A designed filter shared by its users; cached_filter returns the one made
