@@ -30,7 +30,8 @@ void measureErrorVector(const MeasurementPipeline& p, VantrelMeasurement& m) {
         const double mag = std::sqrt(std::norm(r)) - std::sqrt(std::norm(a));
         magSquares += mag * mag;
         if (std::norm(a) > 0.0) {
-            const double ph = std::arg(r * std::conj(a));
+            const vantrel::meas::cd q = r * std::conj(a);
+            const double ph = vantrel::meas::phase_angle(q.imag(), q.real());
             phaseSquares += ph * ph;
             ++phaseCount;
         }

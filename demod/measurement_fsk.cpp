@@ -18,6 +18,7 @@
 // discriminator.
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <limits>
 
 #include "measurement.h"
@@ -75,6 +76,19 @@ double linearAt(const WorkVec<double>& x, double t) {
     return x[i] + f * (x[i + 1] - x[i]);
 }
 
+// Cubic (four-point Lagrange) value of x at position t; the one-symbol
+// average it reads is smooth, and the value only seeds the decisions.
+double cubicAt(const WorkVec<double>& x, double t) {
+    const long n = static_cast<long>(x.size());
+    if (n < 4) return linearAt(x, t);
+    long i = static_cast<long>(std::floor(t));
+    i = std::max(1L, std::min(i, n - 3));
+    const double u = t - double(i);
+    const double* y = x.data() + (i - 1);
+    return y[0] * (-u * (u - 1.0) * (u - 2.0) / 6.0) + y[1] * ((u + 1.0) * (u - 1.0) * (u - 2.0) / 2.0) +
+           y[2] * (-(u + 1.0) * u * (u - 2.0) / 2.0) + y[3] * ((u + 1.0) * u * (u - 1.0) / 6.0);
+}
+
 // Regression adv_k = fc + sum_{j=-2..2} d_j level_{k+j}: the neighbours'
 // terms absorb the interference of a shaped frequency pulse, so the
 // intercept is the carrier alone. coef = {fc, d_-2 .. d_2}; residual is the
@@ -87,43 +101,45 @@ bool fitLevels(const WorkVec<int>& level, const WorkVec<double>& adv,
     const std::size_t K = level.size();
     if (K < 8) return false;
     constexpr int kPatterns = 1024;  // five levels of four values
-    auto patternOf = [&](std::size_t k) {
-        int index = 0;
-        for (int j = 0; j < 5; ++j)
-            index = 4 * index + (level[k + std::size_t(j) - 2] + 3) / 2;  // -3..3 -> 0..3
-        return index;
-    };
     auto levelsOf = [](int index, double r[6]) {
         r[0] = 1.0;
         for (int j = 4; j >= 0; --j, index /= 4) r[j + 1] = double(2 * (index % 4) - 3);
     };
+    // Pattern of symbol k: levels k-2 .. k+2 as base-4 digits (-3..3 ->
+    // 0..3), the oldest the most significant; sliding one symbol shifts in
+    // the newest digit.
+    WorkVec<std::uint16_t> pattern(K, 0);
+    int index = 0;
+    for (std::size_t k = 0; k < K; ++k) {
+        index = (4 * index + (level[k] + 3) / 2) % kPatterns;
+        if (k >= 4) pattern[k - 2] = static_cast<std::uint16_t>(index);
+    }
     WorkVec<double> count(kPatterns, 0.0), sum(kPatterns, 0.0);
     for (std::size_t k = 2; k + 2 < K; ++k) {
-        const int pattern = patternOf(k);
-        count[std::size_t(pattern)] += 1.0;
-        sum[std::size_t(pattern)] += adv[k];
+        count[pattern[k]] += 1.0;
+        sum[pattern[k]] += adv[k];
     }
     double A[6][7] = {};
-    for (int pattern = 0; pattern < kPatterns; ++pattern) {
-        const double c = count[std::size_t(pattern)];
+    for (int pat = 0; pat < kPatterns; ++pat) {
+        const double c = count[std::size_t(pat)];
         if (c == 0.0) continue;
         double r[6];
-        levelsOf(pattern, r);
+        levelsOf(pat, r);
         for (int i = 0; i < 6; ++i) {
             for (int j = 0; j < 6; ++j) A[i][j] += c * r[i] * r[j];
-            A[i][6] += r[i] * sum[std::size_t(pattern)];
+            A[i][6] += r[i] * sum[std::size_t(pat)];
         }
     }
     if (!solveNormal(A, 6, coef)) return false;
     WorkVec<double> model(kPatterns, 0.0);
-    for (int pattern = 0; pattern < kPatterns; ++pattern) {
+    for (int pat = 0; pat < kPatterns; ++pat) {
         double r[6];
-        levelsOf(pattern, r);
-        for (int j = 0; j < 6; ++j) model[std::size_t(pattern)] += coef[std::size_t(j)] * r[j];
+        levelsOf(pat, r);
+        for (int j = 0; j < 6; ++j) model[std::size_t(pat)] += coef[std::size_t(j)] * r[j];
     }
     residual = 0.0;
     for (std::size_t k = 2; k + 2 < K; ++k) {
-        const double e = adv[k] - model[std::size_t(patternOf(k))];
+        const double e = adv[k] - model[pattern[k]];
         residual += e * e;
     }
     residual = std::sqrt(residual / double(K - 4));
@@ -153,8 +169,9 @@ WorkVec<int> correlatorLevels(const WorkVec<cd>& s, double fs,
         // share of it inside the symbol t +- T/2, so the window is one
         // symbol long whatever the instant's fraction.
         const double a = t[k] - 0.5 * T, b = t[k] + 0.5 * T;
-        const long lo = std::max(0L, static_cast<long>(std::floor(a + 0.5)));
-        const long hi = std::min({n, static_cast<long>(std::floor(b + 0.5)) + 1, lo + long(width)});
+        // (Instants lie inside the block, so truncation is the floor.)
+        const long lo = std::max(0L, a + 0.5 >= 0.0 ? static_cast<long>(a + 0.5) : -1L);
+        const long hi = std::min({n, static_cast<long>(b + 0.5) + 1, lo + long(width)});
         // The samples weighted by their shares, once for all the tones.
         double xr[64], xi[64];
         const long count = std::max(0L, std::min(hi - lo, 64L));
@@ -237,7 +254,8 @@ void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
     // Otherwise a capture below four samples per symbol is interpolated to
     // four, one above eight decimated to eight; the filter is flat to 0.4 of
     // the lower rate (FSK of any usable deviation lies inside) and stops
-    // from 0.6.
+    // from 0.6. 60 dB of stopband is far below what a discriminator can
+    // resolve, and shortens the filter by a third against 90.
     const double sps = rawSps < kFskLowestSps || (narrow && rawSps > kFskLowestSps)
                            ? kFskLowestSps
                            : std::min(rawSps, kFskHighestSps);
@@ -246,8 +264,8 @@ void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
     if (narrow) band = std::min(band, edge);
     const double fs = sps * p.rb;
     const WorkVec<cd> x =
-        interpolate ? vantrel::meas::convert_rate(p.raw, rawSps / sps,
-                                                  *vantrel::meas::rate_filter(rawSps, sps, band))
+        interpolate ? vantrel::meas::convert_rate(
+                          p.raw, rawSps / sps, *vantrel::meas::rate_filter(rawSps, sps, band, 60.0))
                     : WorkVec<cd>();
     const WorkVec<cd>& s = interpolate ? x : p.raw;
     const std::size_t n = s.size();
@@ -257,7 +275,7 @@ void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
     WorkVec<cd> lag(n, cd(0, 0));
     for (std::size_t i = 1; i < n; ++i) {
         lag[i] = s[i] * std::conj(s[i - 1]);
-        const double d = std::arg(lag[i]);
+        const double d = vantrel::meas::phase_angle(lag[i].imag(), lag[i].real());
         phase[i] = phase[i - 1] + d;
         freq[i] = d * fs / kTwoPi;
     }
@@ -291,7 +309,7 @@ void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
     for (std::size_t k = 0; k < K; ++k) {
         adv[k] = (linearAt(phase, t[k] + 0.5 * T) - linearAt(phase, t[k] - 0.5 * T)) * fs /
                  (kTwoPi * T);
-        centre[k] = vantrel::meas::interpolate_at(gr, t[k]);
+        centre[k] = cubicAt(gr, t[k]);
     }
     const bool four = p.order == 4;
     double fc = 0.0;
@@ -335,8 +353,10 @@ void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
     WorkVec<int> heard;
     if (separable) {
         heard = correlatorLevels(s, fs, t, T, toneCentre, toneUnit, four);
-        for (int round = 0; round < 1 && measureTones(lag, fs, t, T, heard, toneCentre, toneUnit);
-             ++round)
+        // Tones re-measured on the correlator's decisions, and the decisions
+        // taken again; when the correlator agreed with every first decision
+        // the tones would come out the same, and so would the decisions.
+        if (heard != level && measureTones(lag, fs, t, T, heard, toneCentre, toneUnit))
             heard = correlatorLevels(s, fs, t, T, toneCentre, toneUnit, four);
     }
     WorkVec<double> heardCoef;

@@ -48,44 +48,55 @@ FractionalFilter::FractionalFilter(double cutoff, int halfTaps, double kaiserBet
 FractionalFilter::FractionalFilter(int halfTaps, const std::function<double(double)>& kernel)
     : K_(std::min(kMaxWidth / 2, std::max(1, halfTaps))) {
     const int width = 2 * K_;
-    rows_.assign(std::size_t(kPhases + 1) * std::size_t(width), 0.0);
+    // Every tap is stored twice, (h, h): one aligned load then scales the
+    // (re, im) pair of a complex sample.
+    rows_.assign(std::size_t(kPhases + 1) * std::size_t(2 * width), 0.0);
     for (int p = 0; p <= kPhases; ++p) {
         const double frac = double(p) / kPhases;
-        for (int i = 0; i < width; ++i)
-            rows_[std::size_t(p) * std::size_t(width) + std::size_t(i)] =
-                kernel(frac + double(K_ - 1 - i));
+        for (int i = 0; i < width; ++i) {
+            const double h = kernel(frac + double(K_ - 1 - i));
+            double* pair = rows_.data() + 2 * (std::size_t(p) * std::size_t(width) + std::size_t(i));
+            pair[0] = h;
+            pair[1] = h;
+        }
     }
     // A sinc's zeros come out of the sine as about 1e-17 of the peak, not 0.
     double peak = 0.0;
-    for (int i = 0; i < width; ++i) peak = std::max(peak, std::fabs(rows_[std::size_t(i)]));
+    for (int i = 0; i < width; ++i) peak = std::max(peak, std::fabs(rows_[2 * std::size_t(i)]));
     for (int i = 0; i < width; ++i) {
-        if (std::fabs(rows_[std::size_t(i)]) > 1e-14 * peak) {
+        const double h = rows_[2 * std::size_t(i)];
+        if (std::fabs(h) > 1e-14 * peak) {
             sampleOffsets_.push_back(i);
-            sampleTaps_.push_back(rows_[std::size_t(i)]);
+            sampleTaps_.push_back(h);
+            sampleTaps_.push_back(h);
         }
     }
 }
 
 namespace {
 
-// sum_i x[i] taps[i] over `width` complex samples with four partial sums
+// sum_i x[i] h[i] over `width` complex samples with four partial sums
 // (taps i = 0, 1, 2, 3 mod 4), added as (s0 + s1) + (s2 + s3) at the end.
 // A single running sum waits a full add latency per tap; four keep the
-// adder busy. The association is fixed, so every machine gives the same bits,
-// and the SSE2 form does exactly the operations of the plain one.
-cd dot_interleaved(const cd* x, const double* taps, int width) {
+// adder busy. The association is fixed, so every machine gives the same
+// bits, and the SSE2 form does exactly the operations of the plain one.
+// `pairs` holds each tap twice (h0, h0, h1, h1, ...); `offset`, when given,
+// picks the samples (x[offset[i]]), otherwise they are x[0 .. width-1].
+template <bool kGathered>
+cd dotPairs(const cd* x, const int* offset, const double* pairs, int width) {
     const double* xv = reinterpret_cast<const double*>(x);  // re, im, re, im, ...
+    auto at = [offset](int i) { return 2 * (kGathered ? offset[i] : i); };
 #if defined(__SSE2__)
     __m128d s0 = _mm_setzero_pd(), s1 = s0, s2 = s0, s3 = s0;
     int i = 0;
     for (; i + 4 <= width; i += 4) {
-        s0 = _mm_add_pd(s0, _mm_mul_pd(_mm_loadu_pd(xv + 2 * i), _mm_set1_pd(taps[i])));
-        s1 = _mm_add_pd(s1, _mm_mul_pd(_mm_loadu_pd(xv + 2 * i + 2), _mm_set1_pd(taps[i + 1])));
-        s2 = _mm_add_pd(s2, _mm_mul_pd(_mm_loadu_pd(xv + 2 * i + 4), _mm_set1_pd(taps[i + 2])));
-        s3 = _mm_add_pd(s3, _mm_mul_pd(_mm_loadu_pd(xv + 2 * i + 6), _mm_set1_pd(taps[i + 3])));
+        s0 = _mm_add_pd(s0, _mm_mul_pd(_mm_loadu_pd(xv + at(i)), _mm_loadu_pd(pairs + 2 * i)));
+        s1 = _mm_add_pd(s1, _mm_mul_pd(_mm_loadu_pd(xv + at(i + 1)), _mm_loadu_pd(pairs + 2 * i + 2)));
+        s2 = _mm_add_pd(s2, _mm_mul_pd(_mm_loadu_pd(xv + at(i + 2)), _mm_loadu_pd(pairs + 2 * i + 4)));
+        s3 = _mm_add_pd(s3, _mm_mul_pd(_mm_loadu_pd(xv + at(i + 3)), _mm_loadu_pd(pairs + 2 * i + 6)));
     }
     for (; i < width; ++i)
-        s0 = _mm_add_pd(s0, _mm_mul_pd(_mm_loadu_pd(xv + 2 * i), _mm_set1_pd(taps[i])));
+        s0 = _mm_add_pd(s0, _mm_mul_pd(_mm_loadu_pd(xv + at(i)), _mm_loadu_pd(pairs + 2 * i)));
     const __m128d s = _mm_add_pd(_mm_add_pd(s0, s1), _mm_add_pd(s2, s3));
     double out[2];
     _mm_storeu_pd(out, s);
@@ -95,56 +106,25 @@ cd dot_interleaved(const cd* x, const double* taps, int width) {
     int i = 0;
     for (; i + 4 <= width; i += 4) {
         for (int l = 0; l < 4; ++l) {
-            re[l] = re[l] + xv[2 * (i + l)] * taps[i + l];
-            im[l] = im[l] + xv[2 * (i + l) + 1] * taps[i + l];
+            re[l] = re[l] + xv[at(i + l)] * pairs[2 * (i + l)];
+            im[l] = im[l] + xv[at(i + l) + 1] * pairs[2 * (i + l)];
         }
     }
     for (; i < width; ++i) {
-        re[0] = re[0] + xv[2 * i] * taps[i];
-        im[0] = im[0] + xv[2 * i + 1] * taps[i];
+        re[0] = re[0] + xv[at(i)] * pairs[2 * i];
+        im[0] = im[0] + xv[at(i) + 1] * pairs[2 * i];
     }
     return cd((re[0] + re[1]) + (re[2] + re[3]), (im[0] + im[1]) + (im[2] + im[3]));
 #endif
 }
 
-// sum_i x[offset[i]] taps[i], the same four partial sums as above.
-cd dot_gathered(const cd* x, const int* offset, const double* taps, int count) {
-    const double* xv = reinterpret_cast<const double*>(x);
-#if defined(__SSE2__)
-    __m128d s0 = _mm_setzero_pd(), s1 = s0, s2 = s0, s3 = s0;
-    int i = 0;
-    for (; i + 4 <= count; i += 4) {
-        s0 = _mm_add_pd(s0, _mm_mul_pd(_mm_loadu_pd(xv + 2 * offset[i]), _mm_set1_pd(taps[i])));
-        s1 = _mm_add_pd(s1, _mm_mul_pd(_mm_loadu_pd(xv + 2 * offset[i + 1]), _mm_set1_pd(taps[i + 1])));
-        s2 = _mm_add_pd(s2, _mm_mul_pd(_mm_loadu_pd(xv + 2 * offset[i + 2]), _mm_set1_pd(taps[i + 2])));
-        s3 = _mm_add_pd(s3, _mm_mul_pd(_mm_loadu_pd(xv + 2 * offset[i + 3]), _mm_set1_pd(taps[i + 3])));
-    }
-    for (; i < count; ++i)
-        s0 = _mm_add_pd(s0, _mm_mul_pd(_mm_loadu_pd(xv + 2 * offset[i]), _mm_set1_pd(taps[i])));
-    const __m128d s = _mm_add_pd(_mm_add_pd(s0, s1), _mm_add_pd(s2, s3));
-    double out[2];
-    _mm_storeu_pd(out, s);
-    return cd(out[0], out[1]);
-#else
-    double re[4] = {0, 0, 0, 0}, im[4] = {0, 0, 0, 0};
-    int i = 0;
-    for (; i + 4 <= count; i += 4) {
-        for (int l = 0; l < 4; ++l) {
-            re[l] = re[l] + xv[2 * offset[i + l]] * taps[i + l];
-            im[l] = im[l] + xv[2 * offset[i + l] + 1] * taps[i + l];
-        }
-    }
-    for (; i < count; ++i) {
-        re[0] = re[0] + xv[2 * offset[i]] * taps[i];
-        im[0] = im[0] + xv[2 * offset[i] + 1] * taps[i];
-    }
-    return cd((re[0] + re[1]) + (re[2] + re[3]), (im[0] + im[1]) + (im[2] + im[3]));
-#endif
+cd dot_pairs(const cd* x, const int* offset, const double* pairs, int width) {
+    return offset ? dotPairs<true>(x, offset, pairs, width) : dotPairs<false>(x, nullptr, pairs, width);
 }
 
-double dot_interleaved(const double* x, const double* taps, int width) {
+double dot_pairs(const double* x, const int*, const double* pairs, int width) {
     double s = 0.0;
-    for (int i = 0; i < width; ++i) s += x[i] * taps[i];
+    for (int i = 0; i < width; ++i) s += x[i] * pairs[2 * i];
     return s;
 }
 
@@ -159,22 +139,22 @@ T FractionalFilter::eval(const T* x, long n, double t) const {
     const int p = std::min(kPhases - 1, static_cast<int>(pos));
     const double w = pos - double(p);
     const int width = 2 * K_;
-    const double* r0 = rows_.data() + std::size_t(p) * std::size_t(width);
-    const double* r1 = r0 + width;
+    const double* r0 = rows_.data() + 2 * std::size_t(p) * std::size_t(width);
+    const double* r1 = r0 + 2 * width;
     // The taps of this position, blended between the two rows, then one
     // sum over the samples.
-    double blended[kMaxWidth];
+    double blended[2 * kMaxWidth];
     const double* taps = r0;  // a position on a table phase needs no blend
     if (w != 0.0) {
-        for (int i = 0; i < width; ++i) blended[i] = r0[i] + (r1[i] - r0[i]) * w;
+        for (int i = 0; i < 2 * width; ++i) blended[i] = r0[i] + (r1[i] - r0[i]) * w;
         taps = blended;
     }
-    if (first >= 0 && first + width <= n) return dot_interleaved(x + first, taps, width);
+    if (first >= 0 && first + width <= n) return dot_pairs(x + first, nullptr, taps, width);
     T s = T(0.0);
     for (int i = 0; i < width; ++i) {
         const long j = first + i;
         if (j < 0 || j >= n) continue;
-        s += x[j] * taps[i];
+        s += x[j] * taps[2 * i];
     }
     return s;
 }
@@ -186,8 +166,8 @@ cd FractionalFilter::atSample(const cd* x, long n, long j) const {
     const long first = j - K_ + 1;
     const int width = 2 * K_;
     if (first >= 0 && first + width <= n)
-        return dot_gathered(x + first, sampleOffsets_.data(), sampleTaps_.data(),
-                            int(sampleTaps_.size()));
+        return dot_pairs(x + first, sampleOffsets_.data(), sampleTaps_.data(),
+                         int(sampleOffsets_.size()));
     return eval(x, n, double(j));
 }
 double FractionalFilter::at(const double* x, long n, double t) const { return eval(x, n, t); }
@@ -216,12 +196,13 @@ FilterRef cached_filter(const FilterKey& key, const std::function<FractionalFilt
     return made;
 }
 
-FilterRef rate_filter(double spsIn, double spsOut, double bandEdge) {
-    return cached_filter({0.0, spsIn, spsOut, bandEdge},
-                         [=] { return design_rate_filter(spsIn, spsOut, bandEdge); });
+FilterRef rate_filter(double spsIn, double spsOut, double bandEdge, double attenuationDb) {
+    return cached_filter({0.0, spsIn, spsOut, bandEdge, attenuationDb},
+                         [=] { return design_rate_filter(spsIn, spsOut, bandEdge, attenuationDb); });
 }
 
-FractionalFilter design_rate_filter(double spsIn, double spsOut, double bandEdge) {
+FractionalFilter design_rate_filter(double spsIn, double spsOut, double bandEdge,
+                                    double attenuationDb) {
     // Everything in symbol rates. The lower of the two rates bounds the band:
     // images (upsampling) or aliases (downsampling) of a component at f land
     // at lower - f, so the stopband starts where they would reach the band.
@@ -229,9 +210,9 @@ FractionalFilter design_rate_filter(double spsIn, double spsOut, double bandEdge
     const double pass = std::min(bandEdge, 0.45 * lower);
     const double stop = std::max(lower - pass, pass + 0.1 * lower);
     const double cutoff = 0.5 * (pass + stop);
-    // Kaiser's estimate for 90 dB: length (A - 7.95) / (14.36 df) in symbols,
-    // df the transition width in symbol rates.
-    const double attenuation = 90.0;
+    // Kaiser's estimate for A dB: length (A - 7.95) / (14.36 df) in symbols,
+    // df the transition width in symbol rates (beta below holds for A > 50).
+    const double attenuation = std::max(50.0, attenuationDb);
     const double lengthSymbols = (attenuation - 7.95) / (14.36 * (stop - pass));
     const int halfTaps = static_cast<int>(std::ceil(0.5 * lengthSymbols * spsIn)) + 1;
     return FractionalFilter(cutoff / spsIn, halfTaps, 0.1102 * (attenuation - 8.7));

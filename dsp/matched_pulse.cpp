@@ -78,7 +78,7 @@ WorkVec<double> receive_filter(int filterType, double beta, double sps, double m
 }
 
 FilterRef matched_interpolator(int filterType, double beta, double sps) {
-    return cached_filter({1.0, double(filterType), beta, sps},
+    return cached_filter({1.0, double(filterType), beta, sps, 0.0},
                          [=] { return design_matched_interpolator(filterType, beta, sps); });
 }
 

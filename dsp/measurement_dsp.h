@@ -59,6 +59,12 @@ struct ToneFit {
 };
 ToneFit fit_tone(const double* y, std::size_t len, double f, bool withSlope);
 
+// ---- phase_angle.cpp ----
+
+// atan2(y, x) within 3e-13 rad, for the discriminators that take one angle
+// per sample (zero, infinite and NaN inputs: atan2's own value).
+double phase_angle(double y, double x);
+
 // ---- fractional_filter.cpp ----
 
 // Zeroth-order modified Bessel function I0(x) by its power series
@@ -88,29 +94,31 @@ private:
     static constexpr int kPhases = 512;
     static constexpr int kMaxWidth = 1024;  // taps at most (K <= 512)
     int K_;
-    std::vector<double> rows_;  // (kPhases + 1) rows of 2K taps
+    std::vector<double> rows_;  // (kPhases + 1) rows of 2K taps, each stored twice
     // Row 0 without its zeros (a half-band or quarter-band design has a
     // zero on every second or fourth sample): offsets into the 2K samples
     // and their taps, for atSample.
     std::vector<int> sampleOffsets_;
-    std::vector<double> sampleTaps_;
+    std::vector<double> sampleTaps_;  // stored twice, as rows_
 };
 
 // A designed filter shared by its users; cached_filter returns the one made
 // earlier on this thread for the same key (compared bit for bit), or makes it
 // with `design`. A few designs are kept per thread.
 using FilterRef = std::shared_ptr<const FractionalFilter>;
-using FilterKey = std::array<double, 4>;
+using FilterKey = std::array<double, 5>;
 FilterRef cached_filter(const FilterKey& key, const std::function<FractionalFilter()>& design);
 
 // Anti-alias / anti-image filter for a change from spsIn to spsOut samples
 // per symbol of a signal occupying |f| <= bandEdge symbol rates: flat to the
-// band edge, at least 90 dB down from (lower rate - band edge), where the
-// images or aliases would start to reach the band (Kaiser design).
+// band edge, at least attenuationDb down from (lower rate - band edge),
+// where the images or aliases would start to reach the band (Kaiser design;
+// 90 dB keeps them under any measurable noise floor).
 // The design is kept per thread (see cached_filter); design_rate_filter
 // builds it afresh.
-FilterRef rate_filter(double spsIn, double spsOut, double bandEdge);
-FractionalFilter design_rate_filter(double spsIn, double spsOut, double bandEdge);
+FilterRef rate_filter(double spsIn, double spsOut, double bandEdge, double attenuationDb = 90.0);
+FractionalFilter design_rate_filter(double spsIn, double spsOut, double bandEdge,
+                                    double attenuationDb = 90.0);
 
 // y[m] = x(m step) through f, for every m with m step inside the block;
 // step = input samples per output sample.

@@ -646,3 +646,28 @@ TEST(MeasurementRateConversion, FftMatchesTheDftSum) {
         EXPECT_LT(worst, 1e-10 * std::sqrt(double(n))) << n;
     }
 }
+
+// The discriminators' angle against atan2: every octant and its edges, the
+// axes, signed zeros and magnitudes far apart.
+TEST(MeasurementRateConversion, PhaseAngleMatchesAtan2) {
+    std::mt19937 rng(5);
+    std::uniform_real_distribution<double> turn(-kPi, kPi), mag(-30.0, 30.0);
+    double worst = 0.0;
+    for (int i = 0; i < 200000; ++i) {
+        const double r = std::pow(10.0, mag(rng)), a = turn(rng);
+        const double x = r * std::cos(a), y = r * std::sin(a);
+        worst = std::max(worst, std::fabs(vantrel::meas::phase_angle(y, x) - std::atan2(y, x)));
+    }
+    for (int k = -8; k <= 8; ++k) {  // octant edges
+        const double x = std::cos(k * kPi / 4), y = std::sin(k * kPi / 4);
+        worst = std::max(worst, std::fabs(vantrel::meas::phase_angle(y, x) - std::atan2(y, x)));
+    }
+    EXPECT_LT(worst, 1e-12);
+    for (double x : {1.0, -1.0, 0.0, -0.0})  // on the axes: exactly atan2's value
+        for (double y : {0.0, -0.0, 2.0, -2.0}) {
+            if (x == 0.0 || y == 0.0) {
+                EXPECT_EQ(vantrel::meas::phase_angle(y, x), std::atan2(y, x)) << x << " " << y;
+            }
+        }
+    EXPECT_TRUE(std::isnan(vantrel::meas::phase_angle(NAN, 1.0)));
+}
