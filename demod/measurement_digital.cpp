@@ -92,7 +92,12 @@ double meanPower(const WorkVec<cd>& v) {
 // Nearest odd integer within [-(side-1), side-1].
 double sliceAxis(double v, int side) {
     const double top = double(side - 1);
-    const double s = 2.0 * std::floor(0.5 * v) + 1.0;
+    // Clamped first, so the floor is a truncation corrected for negatives
+    // (no library call); a NaN stays NaN.
+    const double h = 0.5 * (v > top ? top : (v < -top ? -top : v));
+    double f = double(static_cast<long long>(h));
+    if (f > h) f -= 1.0;
+    const double s = h == h ? 2.0 * f + 1.0 : h;
     return s > top ? top : (s < -top ? -top : s);
 }
 
