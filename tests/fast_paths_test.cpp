@@ -71,6 +71,39 @@ void fft(Complex* x, int n) {
     }
 }
 
+// The FSK equaliser with its whole tap history, 9 x (n + 1) values, as it
+// was first written.
+void mcmaFsk(const Complex* in, int n, double mu, Complex* out) {
+    if (n < 0) return;
+    const int taps = 9;
+    const std::int64_t slots = static_cast<std::int64_t>(n) + 1;
+    std::vector<Complex> w(static_cast<size_t>(taps * slots), Complex{0.0, 0.0});
+    if (8 < slots) w[8 * taps + 4] = Complex{1.0, 0.0};
+    for (int i = 0; i < n; ++i) out[i] = in[i];
+    Complex x[9];
+    for (std::int64_t t = 9; t <= n; ++t) {
+        const Complex* prev = w.data() + (t - 1) * taps;
+        Complex* next = w.data() + t * taps;
+        for (int j = 0; j < taps; ++j) x[j] = in[t - 1 - j];
+        Complex y{0.0, 0.0};
+        for (int j = 0; j < taps; ++j) y = Complex_add(y, CommonFun().Complex_mul(x[j], prev[j]));
+        out[t - 1] = y;
+        const double r = Complex_abs2(y);
+        const double R = r >= 4.0 ? 9.0 : 1.0;
+        const Complex g = Complex_scalar_mul(y, (R - r) / R);
+        for (int j = 0; j < taps; ++j) {
+            const Complex step =
+                Complex_scalar_mul(CommonFun().Complex_mul(Complex_conj(x[j]), g), mu);
+            next[j] = Complex_add(prev[j], step);
+        }
+        double norm2 = 0.0;
+        for (int j = 0; j < taps; ++j) norm2 += Complex_abs2(next[j]);
+        const double s = std::sqrt(norm2);
+        if (s > 1e-12)
+            for (int j = 0; j < taps; ++j) next[j] = complex_div_real(next[j], s);
+    }
+}
+
 }  // namespace plain
 
 namespace {
@@ -311,6 +344,30 @@ TEST(FastPaths, RadixSortMatchesComparisonSort) {
         ASSERT_TRUE(sort_both_tails(v.data(), n, k));
         EXPECT_EQ(std::memcmp(v.data(), want.data(), 8 * k), 0) << n;
         EXPECT_EQ(std::memcmp(&v[n - k], &want[n - k], 8 * k), 0) << n;
+    }
+}
+
+// The FSK equaliser keeping two tap sets against the full history: noisy
+// four-level streams (both rings, the taps moving all the time), lengths
+// around the eight unequalised outputs, and a stream with a zero run (the
+// norm floor) and a NaN.
+TEST(FastPaths, FskEqualiserMatchesFullTapHistory) {
+    std::mt19937 rng(11);
+    std::normal_distribution<double> g(0.0, 0.3);
+    const double levels[4] = {-3.0, -1.0, 1.0, 3.0};
+    for (int n : {0, 1, 8, 9, 10, 17, 5000}) {
+        for (int variant = 0; variant < 2; ++variant) {
+            std::vector<Complex> in(static_cast<size_t>(n));
+            for (Complex& x : in) x = Complex{levels[rng() % 4] + g(rng), g(rng)};
+            if (variant == 1 && n > 40) {
+                for (int i = 10; i < 30; ++i) in[i] = Complex{0.0, 0.0};
+                in[n - 5].re = std::nan("");
+            }
+            std::vector<Complex> want(in.size() + 1, Complex{-7.0, 7.0}), got = want;
+            plain::mcmaFsk(in.data(), n, 0.005, want.data());
+            CommonFun().mcma_equalizeFORfsk(in.data(), n, 9, 0.005, got.data());
+            EXPECT_TRUE(sameBits(got, want)) << "n " << n << " variant " << variant;
+        }
     }
 }
 
