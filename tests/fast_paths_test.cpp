@@ -307,7 +307,8 @@ TEST(FastPaths, NormStarMatchesFullSort) {
 
 // The radix sort against std::sort on mixed signs, ties, infinities and
 // subnormals at lengths around its byte passes; a NaN or a -0 is refused and
-// the array left as it was.
+// the array left as it was. The selections of one or both tails against the
+// ends of the full sort.
 TEST(FastPaths, RadixSortMatchesComparisonSort) {
     std::mt19937 rng(3);
     std::normal_distribution<double> g(0.0, 1e3);
@@ -332,6 +333,7 @@ TEST(FastPaths, RadixSortMatchesComparisonSort) {
         const std::vector<double> before = v;
         EXPECT_FALSE(radix_sort_doubles(v.data(), 4));
         EXPECT_FALSE(sort_both_tails(v.data(), 4, 1));
+        EXPECT_FALSE(sort_upper_tail(v.data(), 4, 1));
         EXPECT_TRUE(sameBits(v, before));
     }
     // Both tails of a selection against the ends of a full sort.
@@ -341,9 +343,19 @@ TEST(FastPaths, RadixSortMatchesComparisonSort) {
         std::vector<double> want = v;
         std::sort(want.begin(), want.end());
         const int k = std::max(1, n / 5);
-        ASSERT_TRUE(sort_both_tails(v.data(), n, k));
+        std::vector<double> u = v;
+        std::vector<std::uint64_t> keys(static_cast<size_t>(k));
+        ASSERT_TRUE(sort_both_tails(v.data(), n, k, n > 5 ? keys.data() : nullptr));
         EXPECT_EQ(std::memcmp(v.data(), want.data(), 8 * k), 0) << n;
         EXPECT_EQ(std::memcmp(&v[n - k], &want[n - k], 8 * k), 0) << n;
+        // The upper tail alone, its keys in the caller's scratch or its own,
+        // for one value, a share, and the whole array.
+        for (const int top : {1, std::max(1, n / 8), n}) {
+            std::vector<double> w = u;
+            std::vector<std::uint64_t> room(static_cast<size_t>(top));
+            ASSERT_TRUE(sort_upper_tail(w.data(), n, top, top > 1 ? room.data() : nullptr));
+            EXPECT_EQ(std::memcmp(&w[n - top], &want[n - top], 8 * top), 0) << n << " " << top;
+        }
     }
 }
 
