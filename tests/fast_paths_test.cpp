@@ -144,6 +144,65 @@ TEST(FastPaths, Conv2MatchesPlainLoop) {
     }
 }
 
+// The real correlation against the plain complex loop on {x, +0}: output
+// counts around the 16- and 32-wide blocks, filters of 1 to 97 taps, zeros,
+// infinities and NaN in x. Then the real matched filter against the complex
+// one on a frequency-like trace, for finite taps (RRC, Gaussian, rectangle)
+// and for the NaN taps of a NaN roll-off, which take the complex form.
+TEST(FastPaths, RealCorrelationMatchesComplexForm) {
+    std::mt19937 rng(9);
+    std::uniform_real_distribution<float> u(-1.0f, 1.0f);
+    std::normal_distribution<double> g(0.0, 0.5);
+    for (int L : {1, 2, 9, 33, 97}) {
+        for (int count : {1, 15, 16, 17, 31, 32, 33, 48, 63, 65, 1001}) {
+            const int n = count + L - 1;
+            std::vector<float> h(static_cast<size_t>(L));
+            for (float& v : h) v = u(rng);
+            std::vector<double> x(static_cast<size_t>(n));
+            for (double& v : x) v = g(rng);
+            if (n > 8) x[1] = 0.0, x[2] = -0.0, x[n / 2] = -1e300;
+            std::vector<Complex> xc(x.size()), want(x.size()), got(x.size(), Complex{5.0, 5.0});
+            for (int i = 0; i < n; ++i) xc[i] = Complex{x[i], 0.0};
+            int wl = -1, gl = -1;
+            plain::conv2(xc.data(), n, h.data(), L, want.data(), &wl);
+            CommonFun().conv2_real(x.data(), n, h.data(), L, got.data(), &gl);
+            ASSERT_EQ(gl, wl);
+            got.resize(static_cast<size_t>(count));
+            want.resize(static_cast<size_t>(count));
+            EXPECT_TRUE(sameBits(got, want)) << "L " << L << " count " << count;
+        }
+    }
+    const int n = 3000;
+    std::vector<double> trace(n);
+    for (double& v : trace) v = g(rng);
+    trace[100] = std::numeric_limits<double>::infinity();
+    trace[200] = std::nan("");
+    std::vector<Complex> asComplex(n);
+    for (int i = 0; i < n; ++i) asComplex[i] = Complex{trace[i], 0.0};
+    struct Filter { std::uint32_t type; double beta; };
+    for (const Filter f : {Filter{FILTER_RRC, 0.35}, Filter{FILTER_GAUSS, 0.5},
+                           Filter{FILTER_RECT, 0.0}, Filter{FILTER_RRC, std::nan("")}}) {
+        for (double sps : {4.0, 8.0}) {
+            ExParamOut p{};
+            p.Rb = 25000;
+            p.rolloff = f.beta;
+            p.filterType = f.type;
+            std::vector<Complex> want(n), got(n);
+            int wl = -1, gl = -1;
+            CommonFun a, b;
+            a.matchFilter(asComplex.data(), n, sps * p.Rb, p, want.data(), wl);
+            b.matchFilterReal(trace.data(), n, sps * p.Rb, p, got.data(), gl);
+            ASSERT_EQ(gl, wl);
+            ASSERT_GT(gl, 0);
+            want.resize(static_cast<size_t>(wl));
+            got.resize(static_cast<size_t>(gl));
+            EXPECT_TRUE(sameBits(got, want)) << "filter " << f.type << " sps " << sps;
+            EXPECT_EQ(a.mfHistLen, b.mfHistLen);
+            EXPECT_EQ(a.mfFilterLen, b.mfFilterLen);
+        }
+    }
+}
+
 // Mixer and whole-step interpolator in one pass against the two stages run in
 // turn, as the front end runs them (interpolated samples copied over the start
 // of the mixed block): outputs, the mixed samples up to `keep`, the count and
