@@ -69,7 +69,14 @@ double phase_step(Complex p, Complex q) {
 // Only the in-phase component is drawn. The 16-sample filter delay is removed
 // by starting at y[16], so out[4i] is (close to) in[i].re / scale.
 // *len: capacity of out on entry, values written on return (0 on bad
-// arguments, scale < 1 or allocation failure).
+// arguments or scale < 1).
+//
+// Each y[j] is the sum, from 0 and over the symbols in increasing order, of
+// in[i].re h[j - 4i] for the (at most nine) symbols with 0 <= j - 4i <= 32,
+// a symbol whose value is zero left out (it contributes nothing). Formed
+// output by output with the terms in that order, each value is the one a
+// block-length y built by scattering every symbol through the filter holds,
+// without forming that block.
 void CommonFun::getEye(const Complex* in, int n, int scale, double* out, int* len) {
     if (len == nullptr) return;
     if (in == nullptr || out == nullptr || n <= 0 || scale < 1 || *len <= 0) {
@@ -77,23 +84,24 @@ void CommonFun::getEye(const Complex* in, int n, int scale, double* out, int* le
         return;
     }
     const std::int64_t upsampled = static_cast<std::int64_t>(kEyeUpsample) * n;
-    HeapArray<double> y = heap_zeroed<double>(upsampled + kEyeTaps - 1);
-    if (!y) {
-        *len = 0;
-        return;
-    }
-    // Scatter every non-zero symbol value through the filter. The zero
-    // samples between symbols contribute nothing and are skipped.
-    for (int i = 0; i < n; ++i) {
-        const double value = in[i].re;
-        if (value == 0.0) continue;
-        const std::int64_t j = static_cast<std::int64_t>(kEyeUpsample) * i;
-        for (int t = 0; t < kEyeTaps; ++t) y[j + t] += value * kEyeFilter[t];
-    }
     std::int64_t m = upsampled - kEyeDelay;
     if (m > *len) m = *len;
     if (m < 0) m = 0;
-    for (std::int64_t k = 0; k < m; ++k) out[k] = y[kEyeDelay + k] / scale;
+    for (std::int64_t k = 0; k < m; ++k) {
+        const std::int64_t j = kEyeDelay + k;
+        // Symbols i with 0 <= j - 4i <= kEyeTaps - 1.
+        std::int64_t first = 0;
+        if (j >= kEyeTaps - 1) first = (j - (kEyeTaps - 1) + kEyeUpsample - 1) / kEyeUpsample;
+        std::int64_t last = j / kEyeUpsample;
+        if (last > n - 1) last = n - 1;
+        double y = 0.0;
+        for (std::int64_t i = first; i <= last; ++i) {
+            const double value = in[i].re;
+            if (value == 0.0) continue;
+            y += value * kEyeFilter[j - kEyeUpsample * i];
+        }
+        out[k] = y / scale;
+    }
     *len = static_cast<int>(m);  // m <= *len, an int
 }
 

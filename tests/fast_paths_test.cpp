@@ -104,6 +104,34 @@ void mcmaFsk(const Complex* in, int n, double mu, Complex* out) {
     }
 }
 
+// The eye trace by scattering every nonzero symbol value through the
+// 33-tap filter into a block-length array (taps copied from the library).
+void eye(const Complex* in, int n, int scale, double* out, int* len) {
+    static const double h[33] = {
+        -0.0, -0.001631969083967, -0.001312840904288, 0.00059465793684, -0.0,
+        -0.005022174366379, -0.00902315597244, -0.005359314112772, -0.0, -0.012154412643025,
+        -0.048354861493334, -0.070341634758917, 0.0, 0.220851293758382, 0.557957384322318,
+        0.87280673827055, 1.001980578094065, 0.87280673827055, 0.557957384322318,
+        0.220851293758382, 0.0, -0.070341634758917, -0.048354861493334, -0.012154412643025,
+        -0.0, -0.005359314112772, -0.00902315597244, -0.005022174366379, -0.0, 0.00059465793684,
+        -0.001312840904288, -0.001631969083967, -0.0};
+    if (n <= 0 || scale < 1 || *len <= 0) {
+        *len = 0;
+        return;
+    }
+    std::vector<double> y(static_cast<size_t>(4 * n + 32), 0.0);
+    for (int i = 0; i < n; ++i) {
+        const double value = in[i].re;
+        if (value == 0.0) continue;
+        for (int t = 0; t < 33; ++t) y[4 * i + t] += value * h[t];
+    }
+    std::int64_t m = 4 * static_cast<std::int64_t>(n) - 16;
+    if (m > *len) m = *len;
+    if (m < 0) m = 0;
+    for (std::int64_t k = 0; k < m; ++k) out[k] = y[16 + k] / scale;
+    *len = static_cast<int>(m);
+}
+
 }  // namespace plain
 
 namespace {
@@ -438,6 +466,33 @@ TEST(FastPaths, FskEqualiserMatchesFullTapHistory) {
             plain::mcmaFsk(in.data(), n, 0.005, want.data());
             CommonFun().mcma_equalizeFORfsk(in.data(), n, 9, 0.005, got.data());
             EXPECT_TRUE(sameBits(got, want)) << "n " << n << " variant " << variant;
+        }
+    }
+}
+
+// The eye formed output by output against the scatter into a full array:
+// short and long blocks, every scale the chains use, capacities below and
+// above 4n - 16, and zeros, signed zeros, infinities and NaN among the
+// symbols (an infinite value meets the filter's zero taps).
+TEST(FastPaths, EyeMatchesScatteredFilter) {
+    std::mt19937 rng(5);
+    std::normal_distribution<double> g(0.0, 1.0);
+    for (int n : {1, 2, 4, 5, 9, 800, 5000}) {
+        std::vector<Complex> in = randomBlock(rng, n, 1.0);
+        for (int i = 0; i < n; i += 7) in[i].re = i % 2 ? 0.0 : -0.0;
+        if (n > 100) {
+            in[50].re = std::numeric_limits<double>::infinity();
+            in[90].re = std::nan("");
+        }
+        for (int scale : {1, 2, 3}) {
+            for (int cap : {4 * n, 4 * n - 16, 4 * n - 17, 3}) {
+                std::vector<double> want(static_cast<size_t>(4 * n), -5.0), got = want;
+                int wl = cap, gl = cap;
+                plain::eye(in.data(), n, scale, want.data(), &wl);
+                CommonFun().getEye(in.data(), n, scale, got.data(), &gl);
+                ASSERT_EQ(gl, wl);
+                EXPECT_TRUE(sameBits(got, want)) << "n " << n << " scale " << scale << " cap " << cap;
+            }
         }
     }
 }
