@@ -71,12 +71,12 @@ double phase_step(Complex p, Complex q) {
 // *len: capacity of out on entry, values written on return (0 on bad
 // arguments or scale < 1).
 //
-// Each y[j] is the sum, from 0 and over the symbols in increasing order, of
-// in[i].re h[j - 4i] for the (at most nine) symbols with 0 <= j - 4i <= 32,
-// a symbol whose value is zero left out (it contributes nothing). Formed
-// output by output with the terms in that order, each value is the one a
-// block-length y built by scattering every symbol through the filter holds,
-// without forming that block.
+// y is formed through a window of a few hundred symbols instead of a block
+// of 4n + 32 values: each symbol is scattered into the window
+// (symbols in increasing order, a zero value skipped, every y value's sum
+// starting at 0), the values no later symbol reaches are written out, and
+// the 32 still open are carried to the front of the next window. Every y
+// value is the same sum of the same products in the same order.
 void CommonFun::getEye(const Complex* in, int n, int scale, double* out, int* len) {
     if (len == nullptr) return;
     if (in == nullptr || out == nullptr || n <= 0 || scale < 1 || *len <= 0) {
@@ -87,20 +87,30 @@ void CommonFun::getEye(const Complex* in, int n, int scale, double* out, int* le
     std::int64_t m = upsampled - kEyeDelay;
     if (m > *len) m = *len;
     if (m < 0) m = 0;
-    for (std::int64_t k = 0; k < m; ++k) {
-        const std::int64_t j = kEyeDelay + k;
-        // Symbols i with 0 <= j - 4i <= kEyeTaps - 1.
-        std::int64_t first = 0;
-        if (j >= kEyeTaps - 1) first = (j - (kEyeTaps - 1) + kEyeUpsample - 1) / kEyeUpsample;
-        std::int64_t last = j / kEyeUpsample;
-        if (last > n - 1) last = n - 1;
-        double y = 0.0;
-        for (std::int64_t i = first; i <= last; ++i) {
-            const double value = in[i].re;
+
+    constexpr int kChunk = 256;  // symbols per window
+    constexpr int kOpen = kEyeTaps - 1;
+    double window[kEyeUpsample * kChunk + kOpen] = {};
+    // window[t] holds y[base + t], base = 4 * first symbol of the chunk.
+    for (std::int64_t first = 0; first < n; first += kChunk) {
+        const std::int64_t base = kEyeUpsample * first;
+        if (base >= kEyeDelay + m) break;  // every output written
+        const int count = static_cast<int>(n - first < kChunk ? n - first : kChunk);
+        for (int c = 0; c < count; ++c) {
+            const double value = in[first + c].re;
             if (value == 0.0) continue;
-            y += value * kEyeFilter[j - kEyeUpsample * i];
+            double* y = window + kEyeUpsample * c;
+            for (int t = 0; t < kEyeTaps; ++t) y[t] += value * kEyeFilter[t];
         }
-        out[k] = y / scale;
+        // y[base .. base + 4 count) receives nothing from later symbols.
+        const std::int64_t done = base + kEyeUpsample * count;
+        std::int64_t from = base > kEyeDelay ? base : kEyeDelay;
+        std::int64_t to = done < kEyeDelay + m ? done : kEyeDelay + m;
+        for (std::int64_t j = from; j < to; ++j) out[j - kEyeDelay] = window[j - base] / scale;
+        // Carry the open values to the front and clear the rest.
+        const int shift = kEyeUpsample * count;
+        for (int t = 0; t < kOpen; ++t) window[t] = window[shift + t];
+        for (int t = kOpen; t < kOpen + shift; ++t) window[t] = 0.0;
     }
     *len = static_cast<int>(m);  // m <= *len, an int
 }
