@@ -21,7 +21,7 @@ public:
 
     int demodPSK(const Complex* in, int n, double fs, ExParamOut param, DisplayData* out);
     int demodASK(Complex* in, int n, double fs, ExParamOut param, DisplayData* out);
-    int demodFSK(const Complex* in, int n, double fs, ExParamOut param, DisplayData* out);
+    int demodFSK(Complex* in, int n, double fs, ExParamOut param, DisplayData* out);
     int demodQAM(const Complex* in, int n, double fs, ExParamOut param, DisplayData* out);
     int demodQAM128_256(const Complex* in, int n, double fs, ExParamOut param,
                         DisplayData* out);

@@ -8,8 +8,6 @@
 // last 800 at most, mapped back to amplitudes 0 and 1.
 #include <cstdint>
 
-#include <utility>
-
 #include "VantrelClass.h"
 #include "safe_convert.h"
 #include "statistics.h"
@@ -31,7 +29,9 @@ constexpr int kEyeScale = 2;         // the eye is drawn on the -1 .. +1 levels 
 }  // namespace
 
 // demodASK(in, n, fs, param, out)
-//   in/n  : n complex samples at fs Hz (four per symbol), coarse offset removed
+//   in/n  : n complex samples at fs Hz (four per symbol), coarse offset
+//           removed. The block's storage (n values) is the chain's scratch:
+//           its contents are overwritten.
 //   param : Rb (symbol rate, Hz), mode, and the receive filter (type, roll-off)
 //   out   : host record, written only on success. With K equalised symbols:
 //           K symbols and K bits (bitsLen = K; symbolsLen is not written), K
@@ -40,25 +40,28 @@ constexpr int kEyeScale = 2;         // the eye is drawn on the -1 .. +1 levels 
 //           axis at 0 (space) and 1 (mark), and modDepth of the raw envelope.
 // Returns 0, or -1 for invalid arguments, too few symbols after either
 // settling discard, or memory exhaustion.
+//
+// Memory: besides the caller's block, the envelope (then the timed symbols)
+// in one work block. The matched filter, the phase loop's output and the
+// equaliser run in the caller's block; the per-symbol decisions, errors and
+// eye are formed in the host's arrays, after the last step that can fail.
 int VantrelClass::demodASK(Complex* in, int n, double fs, ExParamOut param, DisplayData* out) {
     if (!in || n <= 0 || !(fs > 0) || !(param.Rb > 0) || !out) return -1;
     CommonFun& cf = commonFun;
     cf.Reset();
     const double Rb = param.Rb;
 
-    // Matched filter. The filter keeps only the fully overlapped outputs, so
-    // it never writes more than n values; the extra room is headroom.
-    int L1 = n + kFilterRoom;
-    HeapArray<Complex> wide = heap_alloc<Complex>(static_cast<std::int64_t>(n) + kFilterRoom);
-    if (!wide) return -1;
-    cf.matchFilter(in, n, fs, param, wide.get(), L1);
-    if (L1 < 0) L1 = 0;
-    // The first L1 values of the wide block are the filtered block.
-    HeapArray<Complex> filtered = std::move(wide);
-
-    // Modulation depth of the envelope, on the unfiltered block.
+    // Modulation depth of the envelope, on the unfiltered block (read before
+    // the filter overwrites it).
     double depth = 0.0;
     cf.getAmp(in, n, nullptr, depth);
+
+    // Matched filter, in place: it keeps only the fully overlapped outputs,
+    // so it writes at most n values, each block after its sums are formed.
+    int L1 = n;
+    cf.matchFilter(in, n, fs, param, in, L1);
+    if (L1 < 0) L1 = 0;
+    Complex* filtered = in;
 
     // Timing recovery. With the toolkit just reset no tail is carried in, so
     // the loop gives at most L1 / sps symbols and the buffer is sized for
@@ -70,8 +73,7 @@ int VantrelClass::demodASK(Complex* in, int n, double fs, ExParamOut param, Disp
     HeapArray<Complex> timed = heap_alloc<Complex>(timedCap);
     if (!timed) return -1;
     int L2 = -1;
-    cf.Gardner(filtered.get(), L1, fs, Rb, kGardnerC1, kGardnerC2, timed.get(), &L2);
-    filtered.reset();
+    cf.Gardner(filtered, L1, fs, Rb, kGardnerC1, kGardnerC2, timed.get(), &L2);
     if (L2 < 0) {
         timed = heap_zeroed<Complex>(L1);
         if (!timed) return -1;
@@ -83,48 +85,45 @@ int VantrelClass::demodASK(Complex* in, int n, double fs, ExParamOut param, Disp
 
     // Carrier phase: the BPSK detector locks the keyed carrier onto the real
     // axis. This chain hands the loop the sample rate as its rate and a
-    // bandwidth of 1 % of it, which sets its gains (a narrow loop).
-    HeapArray<Complex> tracked = heap_alloc<Complex>(N1);
-    if (!tracked) return -1;
+    // bandwidth of 1 % of it, which sets its gains (a narrow loop). Its
+    // output goes into the caller's block (N1 <= L1 <= n values).
+    Complex* tracked = in;
     int L3 = N1;
     cf.PhaseLook(kept1, N1, MT_PSK, 2, fs, kLoopBandwidth * fs,
-                 static_cast<modulationTypeOut>(param.mode), tracked.get(), &L3);
+                 static_cast<modulationTypeOut>(param.mode), tracked, &L3);
     timed.reset();
     if (L3 <= kSettlePhase) return -1;
-    Complex* kept2 = tracked.get() + kSettlePhase;
+    Complex* kept2 = tracked + kSettlePhase;
     const int N2 = L3 - kSettlePhase;
     for (int i = 0; i < N2; ++i) kept2[i].im = 0;  // amplitude lives on the real axis
 
     int M = 2;
     cf.normalize_constellationForASK(kept2, N2, M);
 
-    HeapArray<Complex> equalised = heap_alloc<Complex>(N2);
-    if (!equalised) return -1;
+    // The equaliser reads each input before its output lands there, so it
+    // runs in place.
+    Complex* equalised = kept2;
     int K = N2;
-    cf.CMA_equlize(kept2, N2, kCmaStep, kCmaRadius, kCmaTaps, equalised.get(), K);
+    cf.CMA_equlize(kept2, N2, kCmaStep, kCmaRadius, kCmaTaps, equalised, K);
     if (K < 0) K = 0;
 
     // Two levels; the mode can only be the ASK code on this path.
     M = 2;
     if (param.mode == MOD_ASK) M = 2;
     const int bitsPerSymbol = 1;  // log2(M)
-    HeapArray<int> symbols = heap_zeroed<int>(K);
-    HeapArray<int> bits = heap_zeroed<int>(static_cast<std::int64_t>(bitsPerSymbol) * K);
-    HeapArray<double> evm = heap_zeroed<double>(K);
-    HeapArray<double> magErr = heap_zeroed<double>(K);
-    if (!symbols || !bits || !evm || !magErr) return -1;
-    cf.symbolDecisionForSingle(equalised.get(), K, M, symbols.get(), bits.get(), evm.get(),
-                               magErr.get());
-
-    HeapArray<double> eye = heap_zeroed<double>(static_cast<std::int64_t>(4) * K);
-    if (!eye) return -1;
-    int eyeLen = 4 * K;
-    cf.getEye(equalised.get(), K, kEyeScale, eye.get(), &eyeLen);
-    if (eyeLen > 4 * K) eyeLen = 4 * K;  // never copy past what was allocated
-    if (eyeLen < 0) eyeLen = 0;
 
     // ---- everything below writes into the host's record ----
-    for (int i = 0; i < eyeLen; ++i) out->eye[i] = eye[i];
+    // Nothing from here on can fail. The decisions are formed straight in the
+    // host's arrays: its symbol and bit words take the decisions' int values
+    // (an int and its unsigned counterpart share storage and, for these
+    // values 0 and 1, bits), and its EVM, magnitude-error and eye arrays
+    // receive the values the per-call arrays used to hold.
+    cf.symbolDecisionForSingle(equalised, K, M, reinterpret_cast<int*>(out->symbols),
+                               reinterpret_cast<int*>(out->bits), out->evm, out->magErr);
+    int eyeLen = 4 * K;
+    cf.getEye(equalised, K, kEyeScale, out->eye, &eyeLen);
+    if (eyeLen > 4 * K) eyeLen = 4 * K;
+    if (eyeLen < 0) eyeLen = 0;
     out->eyeLen = static_cast<uint32_t>(eyeLen);
 
     // Constellation: the last 800 symbols at most, levels -1 / +1 shown as
@@ -141,24 +140,18 @@ int VantrelClass::demodASK(Complex* in, int n, double fs, ExParamOut param, Disp
     // bitsLen (equal to the bit count at one bit per symbol); symbolsLen keeps
     // the value the record was cleared to, as hosts of this path expect.
     const int bitCount = bitsPerSymbol * K;
-    for (int i = 0; i < bitCount; ++i) out->bits[i] = static_cast<uint32_t>(bits[i]);
     out->bitsLen = static_cast<uint32_t>(bitCount);
-    for (int i = 0; i < K; ++i) out->symbols[i] = static_cast<uint32_t>(symbols[i]);
     out->bitsLen = static_cast<uint32_t>(K);
 
-    for (int i = 0; i < K; ++i) {
-        out->evm[i] = evm[i];
-        out->magErr[i] = magErr[i];
-    }
     out->evmLen = static_cast<uint32_t>(K);
     out->magErrLen = static_cast<uint32_t>(K);
 
     // Statistics over all K symbols (the driver's summary later replaces them
     // by figures over the last 800). An empty block reports zeros.
-    out->evmRms = rms_of(evm.get(), K);
-    out->evmPeak = peak_of(evm.get(), K);
-    out->magErrRms = rms_of(magErr.get(), K);
-    out->magErrPeak = peak_of(magErr.get(), K);  // signed: all-negative gives 0
+    out->evmRms = rms_of(out->evm, K);
+    out->evmPeak = peak_of(out->evm, K);
+    out->magErrRms = rms_of(out->magErr, K);
+    out->magErrPeak = peak_of(out->magErr, K);  // signed: all-negative gives 0
     out->modDepth = depth;
     return 0;
 }

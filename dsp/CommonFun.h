@@ -69,6 +69,13 @@ public:
     void conv2_complex(const Complex* x, int n, const float* h, int L, Complex* y, int* ylen);
     void matchFilter(const Complex* in, int n, double fs, ExParamOut param, Complex* out,
                      int& out_len);
+    // The matched filter of a real signal: out[i] = {y[i], +0}, bit for bit
+    // what matchFilter gives for in[i] = {x[i], +0}. out must not overlap x.
+    void matchFilterReal(const double* x, int n, double fs, ExParamOut param, Complex* out,
+                         int& out_len);
+    // Valid correlation of a real block with a real filter, each output's sum
+    // in conv2_complex's order; out[i] = {y[i], +0}. *ylen as conv2_complex.
+    void conv2_real(const double* x, int n, const float* h, int L, Complex* y, int* ylen);
 
     // ---- front-end estimation ----
     void calcdf(const short* I, const short* Q, int length, double fs, modulationTypeOut type,
@@ -141,6 +148,9 @@ public:
     double phaseLastQ;
 
     // Group 4: matched-filter history bookkeeping (always empty in use).
+    // Designs the matched filter into *h and does the history bookkeeping;
+    // false (nothing to filter) on a failed design or allocation.
+    bool matchedTaps(double fs, ExParamOut param, HeapArray<float>* h, int* L);
     int mfInitialised;
     HeapArray<double> mfHistRe;
     HeapArray<double> mfHistIm;

@@ -69,7 +69,14 @@ double phase_step(Complex p, Complex q) {
 // Only the in-phase component is drawn. The 16-sample filter delay is removed
 // by starting at y[16], so out[4i] is (close to) in[i].re / scale.
 // *len: capacity of out on entry, values written on return (0 on bad
-// arguments, scale < 1 or allocation failure).
+// arguments or scale < 1).
+//
+// y is formed through a window of a few hundred symbols instead of a block
+// of 4n + 32 values: each symbol is scattered into the window
+// (symbols in increasing order, a zero value skipped, every y value's sum
+// starting at 0), the values no later symbol reaches are written out, and
+// the 32 still open are carried to the front of the next window. Every y
+// value is the same sum of the same products in the same order.
 void CommonFun::getEye(const Complex* in, int n, int scale, double* out, int* len) {
     if (len == nullptr) return;
     if (in == nullptr || out == nullptr || n <= 0 || scale < 1 || *len <= 0) {
@@ -77,23 +84,34 @@ void CommonFun::getEye(const Complex* in, int n, int scale, double* out, int* le
         return;
     }
     const std::int64_t upsampled = static_cast<std::int64_t>(kEyeUpsample) * n;
-    HeapArray<double> y = heap_zeroed<double>(upsampled + kEyeTaps - 1);
-    if (!y) {
-        *len = 0;
-        return;
-    }
-    // Scatter every non-zero symbol value through the filter. The zero
-    // samples between symbols contribute nothing and are skipped.
-    for (int i = 0; i < n; ++i) {
-        const double value = in[i].re;
-        if (value == 0.0) continue;
-        const std::int64_t j = static_cast<std::int64_t>(kEyeUpsample) * i;
-        for (int t = 0; t < kEyeTaps; ++t) y[j + t] += value * kEyeFilter[t];
-    }
     std::int64_t m = upsampled - kEyeDelay;
     if (m > *len) m = *len;
     if (m < 0) m = 0;
-    for (std::int64_t k = 0; k < m; ++k) out[k] = y[kEyeDelay + k] / scale;
+
+    constexpr int kChunk = 256;  // symbols per window
+    constexpr int kOpen = kEyeTaps - 1;
+    double window[kEyeUpsample * kChunk + kOpen] = {};
+    // window[t] holds y[base + t], base = 4 * first symbol of the chunk.
+    for (std::int64_t first = 0; first < n; first += kChunk) {
+        const std::int64_t base = kEyeUpsample * first;
+        if (base >= kEyeDelay + m) break;  // every output written
+        const int count = static_cast<int>(n - first < kChunk ? n - first : kChunk);
+        for (int c = 0; c < count; ++c) {
+            const double value = in[first + c].re;
+            if (value == 0.0) continue;
+            double* y = window + kEyeUpsample * c;
+            for (int t = 0; t < kEyeTaps; ++t) y[t] += value * kEyeFilter[t];
+        }
+        // y[base .. base + 4 count) receives nothing from later symbols.
+        const std::int64_t done = base + kEyeUpsample * count;
+        std::int64_t from = base > kEyeDelay ? base : kEyeDelay;
+        std::int64_t to = done < kEyeDelay + m ? done : kEyeDelay + m;
+        for (std::int64_t j = from; j < to; ++j) out[j - kEyeDelay] = window[j - base] / scale;
+        // Carry the open values to the front and clear the rest.
+        const int shift = kEyeUpsample * count;
+        for (int t = 0; t < kOpen; ++t) window[t] = window[shift + t];
+        for (int t = kOpen; t < kOpen + shift; ++t) window[t] = 0.0;
+    }
     *len = static_cast<int>(m);  // m <= *len, an int
 }
 

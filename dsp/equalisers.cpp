@@ -58,31 +58,28 @@ void CommonFun::CMA_equlize(const Complex* in, int n, double mu, double R, int L
 //   norm exceeds 1e-12, so the equaliser shapes but never scales.
 // Starts from a centre spike (tap 4 = 1) at time 8. The tap count is fixed at
 // nine whatever `taps` says. out (n values) starts as a copy of in, so the
-// first eight outputs are unequalised. The whole tap history, 9 x (n + 1)
-// values, is kept for the call; if it cannot be taken a message goes to the
-// standard error stream and out is left untouched.
+// first eight outputs are unequalised.
+//
+// Each update reads only the taps of the step before, so two sets of nine
+// taps are kept and used in turn instead of the whole history (the loop's
+// arithmetic is the same; the history was never read back). Nothing is
+// allocated, so the equaliser cannot fail for lack of memory.
 void CommonFun::mcma_equalizeFORfsk(const Complex* in, int n, int taps, double mu,
                                     Complex* out) {
     taps = 9;
     // A negative count has no samples to copy or equalise.
     if (n < 0) return;
     constexpr int kCentre = 4;
-    constexpr int kStart = 8;  // time index of the initial taps
-    const std::int64_t slots = static_cast<std::int64_t>(n) + 1;
-    HeapArray<Complex> w = heap_zeroed<Complex>(taps * slots);
-    if (!w) {
-        std::fputs("Memory allocation failed.\n", stderr);
-        return;
-    }
-    // The initial spike lives at time 8; a block of fewer than 8 samples has
-    // no such slot and is never equalised either.
-    if (kStart < slots) w[kStart * taps + kCentre] = Complex{1.0, 0.0};
+    Complex rows[2][9] = {};
+    Complex* prev = rows[0];
+    Complex* next = rows[1];
+    // The spike at time 8 is the set the first update (t = 9) starts from;
+    // a block of fewer than nine samples is never equalised.
+    prev[kCentre] = Complex{1.0, 0.0};
     for (int i = 0; i < n; ++i) out[i] = in[i];
 
     Complex x[9];
     for (std::int64_t t = 9; t <= n; ++t) {
-        const Complex* prev = w.get() + (t - 1) * taps;
-        Complex* next = w.get() + t * taps;
         for (int j = 0; j < taps; ++j) x[j] = in[t - 1 - j];
         Complex y{0.0, 0.0};
         for (int j = 0; j < taps; ++j) y = Complex_add(y, Complex_mul(x[j], prev[j]));
@@ -100,5 +97,8 @@ void CommonFun::mcma_equalizeFORfsk(const Complex* in, int n, int taps, double m
         if (s > 1e-12) {
             for (int j = 0; j < taps; ++j) next[j] = complex_div_real(next[j], s);
         }
+        Complex* const done = prev;
+        prev = next;
+        next = done;
     }
 }

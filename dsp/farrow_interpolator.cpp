@@ -14,15 +14,26 @@ Complex sample_at(const Complex* x, int k) { return k >= 1 ? x[k - 1] : Complex{
 
 // Lagrange cubic on the nodes -1, 0, 1, 2 evaluated at mu in [0, 1):
 //   y = wa a + wb b + wc c + wd d.
-Complex cubic_lagrange(Complex a, Complex b, Complex c, Complex d, double mu) {
+struct CubicWeights {
+    double wa, wb, wc, wd;
+};
+
+CubicWeights cubic_weights(double mu) {
     const double mu2 = mu * mu;
     const double mu3 = mu2 * mu;
-    const double wa = -0.16666666666666666 * mu3 + 0.5 * mu2 - 0.3333333333333333 * mu;
-    const double wb = 0.5 * mu3 - mu2 - 0.5 * mu + 1.0;
-    const double wc = -0.5 * mu3 + 0.5 * mu2 + mu;
-    const double wd = 0.16666666666666666 * mu3 - 0.16666666666666666 * mu;
-    return Complex{wa * a.re + wb * b.re + wc * c.re + wd * d.re,
-                   wa * a.im + wb * b.im + wc * c.im + wd * d.im};
+    return CubicWeights{-0.16666666666666666 * mu3 + 0.5 * mu2 - 0.3333333333333333 * mu,
+                        0.5 * mu3 - mu2 - 0.5 * mu + 1.0,
+                        -0.5 * mu3 + 0.5 * mu2 + mu,
+                        0.16666666666666666 * mu3 - 0.16666666666666666 * mu};
+}
+
+Complex weighted(const CubicWeights& w, Complex a, Complex b, Complex c, Complex d) {
+    return Complex{w.wa * a.re + w.wb * b.re + w.wc * c.re + w.wd * d.re,
+                   w.wa * a.im + w.wb * b.im + w.wc * c.im + w.wd * d.im};
+}
+
+Complex cubic_lagrange(Complex a, Complex b, Complex c, Complex d, double mu) {
+    return weighted(cubic_weights(mu), a, b, c, d);
 }
 
 }  // namespace
@@ -77,7 +88,36 @@ void CommonFun::FarrowInterp(const Complex* in, int n, double fs_out, double fs_
     // also stops on a position below x(1) or not a number (possible only
     // from a corrupted stored state), which would read before the block.
     int m = 0;
-    while (k >= 1 && k <= N - 2 && m < INT32_MAX) {
+    // A whole step from a grid point (mu0 = +0, as on a fresh state): every
+    // position m step + mu0 + k0 is a whole number below 2^34, formed
+    // exactly, so k advances by the step and mu = t - k is +0 each time. The
+    // weights are then those of mu = +0 for every output, computed once, and
+    // the positions are counted in integers; the position after the last
+    // output is formed as the general loop forms it, for the stored state.
+    const bool wholeStep = mu0 == 0.0 && !std::signbit(mu0) && k0 >= 1 && step >= 1.0 &&
+                           step <= 2147483648.0 && step == std::floor(step);
+    if (wholeStep) {
+        const CubicWeights w = cubic_weights(mu0);
+        const std::int64_t stride = static_cast<std::int64_t>(step);
+        std::int64_t kk = k0;
+        // x(0), the silence before the block, is read only at k = 1.
+        if (kk == 1 && kk <= N - 2) {
+            out[m] = weighted(w, sample_at(x, 0), x[0], x[1], x[2]);
+            m += 1;
+            kk += stride;
+        }
+        for (; kk <= N - 2 && m < INT32_MAX; kk += stride) {
+            const Complex* p = x + (kk - 2);  // x(kk - 1) .. x(kk + 2)
+            out[m] = weighted(w, p[0], p[1], p[2], p[3]);
+            m += 1;
+        }
+        if (m > 0) {
+            const double t = m * step + mu0 + k0;
+            k = floor_to_int(t);
+            mu = t - k;
+        }
+    }
+    while (!wholeStep && k >= 1 && k <= N - 2 && m < INT32_MAX) {
         out[m] = cubic_lagrange(sample_at(x, k - 1), sample_at(x, k), sample_at(x, k + 1),
                                 sample_at(x, k + 2), mu);
         m += 1;

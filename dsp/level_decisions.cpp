@@ -37,7 +37,11 @@ double groupMean(const double* v, int n) {
 // Writes nothing when n <= 0 or the work array cannot be taken.
 void CommonFun::getAmp(const Complex* x, int n, double* dev, double& depth) {
     if (n <= 0) return;
-    HeapArray<double> a = heap_alloc<double>(n);
+    int k = static_cast<int>(0.2 * n);
+    if (k < 1) k = 1;
+    if (k > n) k = n;
+    // The envelope and, after it, room for the selection's sort keys.
+    HeapArray<double> a = heap_alloc<double>(static_cast<std::int64_t>(n) + k);
     if (!a) return;
     double sum = 0.0;
     for (int i = 0; i < n; ++i) {
@@ -49,12 +53,9 @@ void CommonFun::getAmp(const Complex* x, int n, double* dev, double& depth) {
         const double m = mean < 1e-12 ? 1.0 : mean;
         for (int i = 0; i < n; ++i) dev[i] = a[i] / m - 1;
     }
-    int k = static_cast<int>(0.2 * n);
-    if (k < 1) k = 1;
-    if (k > n) k = n;
     // Only the k smallest and the k largest are summed: without NaN or -0
     // selecting and sorting those two sets leaves them as the full sort does.
-    if (!sort_both_tails(a.get(), n, k))
+    if (!sort_both_tails(a.get(), n, k, reinterpret_cast<std::uint64_t*>(a.get() + n)))
         std::qsort(a.get(), static_cast<size_t>(n), sizeof(double), cmp_double);
     double lowSum = 0.0;
     for (int i = 0; i < k; ++i) lowSum += a[i];
@@ -154,8 +155,8 @@ void CommonFun::normalize_constellationForASK(Complex* x, int n, int M) {
 //   Scale S: M = 4 the mean outer magnitude (|ref0| + |ref1|) / 2; M = 2 the
 //   level spacing |ref0| + |ref1|; 1 when below 1e-12.
 //   evm[i] = |x - ref[s]| / S * 100, magErr[i] = (|x| - |ref[s]|) / S * 100 (%).
-// Writes nothing for n <= 0 or another M; without memory for the class sums
-// only the slicing is written.
+// Writes nothing for n <= 0 or another M; otherwise every value (nothing is
+// allocated, so the caller's arrays may be the host's own).
 void CommonFun::symbolDecisionForSingle(const Complex* x, int n, int M, int* symbols, int* bits,
                                         double* evm, double* magErr) {
     if (n <= 0 || (M != 2 && M != 4)) return;
@@ -173,11 +174,10 @@ void CommonFun::symbolDecisionForSingle(const Complex* x, int n, int M, int* sym
         }
     }
 
-    HeapArray<double> sumRe = heap_zeroed<double>(M);
-    HeapArray<double> sumIm = heap_zeroed<double>(M);
-    HeapArray<int> count = heap_zeroed<int>(M);
-    HeapArray<Complex> ref = heap_alloc<Complex>(M);
-    if (!sumRe || !sumIm || !count || !ref) return;
+    double sumRe[4] = {0.0, 0.0, 0.0, 0.0};
+    double sumIm[4] = {0.0, 0.0, 0.0, 0.0};
+    int count[4] = {0, 0, 0, 0};
+    Complex ref[4];
     for (int i = 0; i < n; ++i) {
         const int s = symbols[i];
         sumRe[s] += x[i].re;

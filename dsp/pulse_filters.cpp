@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 #ifdef __SSE2__
 #include <emmintrin.h>
 #endif
@@ -99,6 +100,43 @@ __attribute__((target("avx2"))) int conv_blocks_avx2(const Complex* x, const flo
         _mm256_storeu_pd(q + 20, a5);
         _mm256_storeu_pd(q + 24, a6);
         _mm256_storeu_pd(q + 28, a7);
+    }
+    return i;
+}
+
+// The real form: four outputs per register, 32 at a time, each sum again
+// starting at 0 and adding the taps in order. Stores Complex{y, +0}.
+// Returns the number of outputs formed, a multiple of 32.
+__attribute__((target("avx2"))) int conv_real_blocks_avx2(const double* x, const float* h,
+                                                          int L, Complex* y, int count) {
+    constexpr int kBlock = 32;
+    int i = 0;
+    for (; i + kBlock <= count; i += kBlock) {
+        __m256d a0 = _mm256_setzero_pd(), a1 = a0, a2 = a0, a3 = a0;
+        __m256d a4 = a0, a5 = a0, a6 = a0, a7 = a0;
+        const double* p = x + i;
+        for (int j = 0; j < L; ++j, ++p) {
+            __asm__("" : "+r"(p));  // as in the complex blocks
+            const __m256d hj = _mm256_set1_pd(static_cast<double>(h[j]));
+            a0 = _mm256_add_pd(a0, _mm256_mul_pd(_mm256_loadu_pd(p), hj));
+            a1 = _mm256_add_pd(a1, _mm256_mul_pd(_mm256_loadu_pd(p + 4), hj));
+            a2 = _mm256_add_pd(a2, _mm256_mul_pd(_mm256_loadu_pd(p + 8), hj));
+            a3 = _mm256_add_pd(a3, _mm256_mul_pd(_mm256_loadu_pd(p + 12), hj));
+            a4 = _mm256_add_pd(a4, _mm256_mul_pd(_mm256_loadu_pd(p + 16), hj));
+            a5 = _mm256_add_pd(a5, _mm256_mul_pd(_mm256_loadu_pd(p + 20), hj));
+            a6 = _mm256_add_pd(a6, _mm256_mul_pd(_mm256_loadu_pd(p + 24), hj));
+            a7 = _mm256_add_pd(a7, _mm256_mul_pd(_mm256_loadu_pd(p + 28), hj));
+        }
+        // Interleave each sum with a zero: {y, 0} pairs, two per register.
+        const __m256d z = _mm256_setzero_pd();
+        double* q = &y[i].re;
+        const __m256d acc[8] = {a0, a1, a2, a3, a4, a5, a6, a7};
+        for (int r = 0; r < 8; ++r, q += 8) {
+            const __m256d lo = _mm256_unpacklo_pd(acc[r], z);  // y0 0 | y2 0
+            const __m256d hi = _mm256_unpackhi_pd(acc[r], z);  // y1 0 | y3 0
+            _mm256_storeu_pd(q, _mm256_permute2f128_pd(lo, hi, 0x20));      // y0 0 y1 0
+            _mm256_storeu_pd(q + 4, _mm256_permute2f128_pd(lo, hi, 0x31));  // y2 0 y3 0
+        }
     }
     return i;
 }
@@ -273,18 +311,65 @@ void CommonFun::conv2_complex(const Complex* x, int n, const float* h, int L, Co
     *ylen = count;
 }
 
+// conv2_complex for a block whose imaginary parts are all +0, formed on the
+// real parts alone. With finite taps every imaginary product of the complex
+// form is +-0 and every sum of them, starting at +0, is +0; the real sums
+// are the same operations in the same order. So y[i] = {sum, +0} is that
+// form's output bit for bit. (A NaN or infinite tap makes those products NaN:
+// callers with such taps use the complex form.) y must not overlap x.
+void CommonFun::conv2_real(const double* x, int n, const float* h, int L, Complex* y,
+                           int* ylen) {
+    if (L < 1 || n - L + 1 <= 0) {
+        *ylen = 0;
+        return;
+    }
+    const int count = n - L + 1;
+    int i = 0;
+#ifdef VANTREL_HAVE_AVX2_PATH
+    if (cpu_has_avx2()) i = conv_real_blocks_avx2(x, h, L, y, count);
+#endif
+#ifdef __SSE2__
+    constexpr int kBlock = 16;
+    for (; i + kBlock <= count; i += kBlock) {
+        __m128d a0 = _mm_setzero_pd(), a1 = a0, a2 = a0, a3 = a0;
+        __m128d a4 = a0, a5 = a0, a6 = a0, a7 = a0;
+        const double* p = x + i;
+        for (int j = 0; j < L; ++j, ++p) {
+            __asm__("" : "+r"(p));
+            const __m128d hj = _mm_set1_pd(static_cast<double>(h[j]));
+            a0 = _mm_add_pd(a0, _mm_mul_pd(_mm_loadu_pd(p), hj));
+            a1 = _mm_add_pd(a1, _mm_mul_pd(_mm_loadu_pd(p + 2), hj));
+            a2 = _mm_add_pd(a2, _mm_mul_pd(_mm_loadu_pd(p + 4), hj));
+            a3 = _mm_add_pd(a3, _mm_mul_pd(_mm_loadu_pd(p + 6), hj));
+            a4 = _mm_add_pd(a4, _mm_mul_pd(_mm_loadu_pd(p + 8), hj));
+            a5 = _mm_add_pd(a5, _mm_mul_pd(_mm_loadu_pd(p + 10), hj));
+            a6 = _mm_add_pd(a6, _mm_mul_pd(_mm_loadu_pd(p + 12), hj));
+            a7 = _mm_add_pd(a7, _mm_mul_pd(_mm_loadu_pd(p + 14), hj));
+        }
+        const __m128d z = _mm_setzero_pd();
+        const __m128d acc[8] = {a0, a1, a2, a3, a4, a5, a6, a7};
+        double* q = &y[i].re;
+        for (int r = 0; r < 8; ++r, q += 4) {
+            _mm_storeu_pd(q, _mm_unpacklo_pd(acc[r], z));
+            _mm_storeu_pd(q + 2, _mm_unpackhi_pd(acc[r], z));
+        }
+    }
+#endif
+    for (; i < count; ++i) {
+        double sum = 0.0;
+        for (int j = 0; j < L; ++j) sum += x[i + j] * h[j];
+        y[i] = Complex{sum, 0.0};
+    }
+    *ylen = count;
+}
+
 // Receive filter of the digital demodulators: the pulse of param.filterType
 // (parameter param.rolloff) over 12 symbols at sps = floor(fs / Rb) (at least
 // 1), applied by conv2_complex, so out[i] lines up with in[i + (L - 1)/2] and
 // out_len = n - L + 1 (0 for n <= 0, an unknown filter, a failed allocation or
 // a block shorter than the filter). Each block is filtered on its own: the
 // history bookkeeping below always ends with an empty history.
-void CommonFun::matchFilter(const Complex* in, int n, double fs, ExParamOut param, Complex* out,
-                            int& out_len) {
-    if (n <= 0) {
-        out_len = 0;
-        return;
-    }
+bool CommonFun::matchedTaps(double fs, ExParamOut param, HeapArray<float>* taps, int* len) {
     const double rb = param.Rb;
     const double rolloff = param.rolloff;
     int sps = floor_to_int(fs / rb);
@@ -292,16 +377,10 @@ void CommonFun::matchFilter(const Complex* in, int n, double fs, ExParamOut para
     const int span = 12;
     // A rate ratio so large that 12 * sps + 1 leaves the int range cannot be
     // filtered (the block would be shorter than the filter anyway).
-    if (static_cast<std::int64_t>(span) * sps + 1 > INT32_MAX) {
-        out_len = 0;
-        return;
-    }
+    if (static_cast<std::int64_t>(span) * sps + 1 > INT32_MAX) return false;
     int L = span * sps + 1;
     HeapArray<float> h = heap_alloc<float>(L);
-    if (!h) {
-        out_len = 0;
-        return;
-    }
+    if (!h) return false;
     // Only codes of the enumeration are converted to it; any other code is
     // passed as 0, which getFilter rejects like every unknown type.
     const std::uint32_t code = param.filterType;
@@ -310,13 +389,9 @@ void CommonFun::matchFilter(const Complex* in, int n, double fs, ExParamOut para
                                                       : static_cast<FilterType>(0);
     int err = 0;
     getFilter(type, rolloff, span, sps, h.get(), &L, &err);
-    if (err != 0 || L <= 0) {
-        out_len = 0;
-        return;
-    }
+    if (err != 0 || L <= 0) return false;
 
     // History bookkeeping: the history used for this block is always empty.
-    const int histLen = 0;
     if (!mfInitialised) {
         mfHistLen = L - 1;
         mfHistRe = heap_alloc<double>(0);
@@ -328,12 +403,47 @@ void CommonFun::matchFilter(const Complex* in, int n, double fs, ExParamOut para
         mfHistIm = heap_alloc<double>(0);
         mfHistLen = 0;
     }
+    *taps = std::move(h);
+    *len = L;
+    return true;
+}
 
+void CommonFun::matchFilter(const Complex* in, int n, double fs, ExParamOut param, Complex* out,
+                            int& out_len) {
+    HeapArray<float> h;
+    int L = 0;
+    if (n <= 0 || !matchedTaps(fs, param, &h, &L)) {
+        out_len = 0;
+        return;
+    }
     // With an empty history the filtered block is the valid correlation of
-    // the input itself, written straight into the caller's array.
-    (void)histLen;
+    // the input itself, written straight into the caller's array. (The
+    // history would be refilled afterwards from its last 0 samples.)
     int ylen = 0;
     conv2_complex(in, n, h.get(), L, out, &ylen);
     out_len = ylen;
-    // The history would be refilled here from the last histLen (= 0) samples.
+}
+
+// The same filter and bookkeeping for a real signal x (the FSK frequency
+// trace). With finite taps the real correlation gives the complex form's
+// output exactly; taps that are not all finite (a NaN roll-off) go through
+// the complex form on {x, +0}, formed in out itself.
+void CommonFun::matchFilterReal(const double* x, int n, double fs, ExParamOut param,
+                                Complex* out, int& out_len) {
+    HeapArray<float> h;
+    int L = 0;
+    if (n <= 0 || !matchedTaps(fs, param, &h, &L)) {
+        out_len = 0;
+        return;
+    }
+    bool finite = true;
+    for (int j = 0; j < L; ++j) finite = finite && std::isfinite(h[j]);
+    int ylen = 0;
+    if (finite) {
+        conv2_real(x, n, h.get(), L, out, &ylen);
+    } else {
+        for (int i = 0; i < n; ++i) out[i] = Complex{x[i], 0.0};
+        conv2_complex(out, n, h.get(), L, out, &ylen);
+    }
+    out_len = ylen;
 }

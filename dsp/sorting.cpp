@@ -50,14 +50,18 @@ void store_key(unsigned char* base, std::size_t i, std::uint64_t k) {
 
 }  // namespace
 
-bool radix_sort_doubles(double* m, int n) {
+bool radix_sort_doubles(double* m, int n, std::uint64_t* scratch) {
     if (n <= 0) return n == 0;
     for (int i = 0; i < n; ++i) {
         if (std::isnan(m[i]) || (m[i] == 0.0 && std::signbit(m[i]))) return false;
     }
     if (n == 1) return true;
-    HeapArray<std::uint64_t> scratch = heap_alloc<std::uint64_t>(n);
-    if (!scratch) return false;
+    HeapArray<std::uint64_t> own;
+    if (scratch == nullptr) {
+        own = heap_alloc<std::uint64_t>(n);
+        if (!own) return false;
+        scratch = own.get();
+    }
     // The keys are held in m's own storage and in the scratch block in turn;
     // every access copies the 8 bytes, so nothing is read through a pointer
     // of another type. The counts of every digit are taken in the pass that
@@ -87,7 +91,7 @@ bool radix_sort_doubles(double* m, int n) {
         }
     }
     unsigned char* src = home;
-    unsigned char* dst = reinterpret_cast<unsigned char*>(scratch.get());
+    unsigned char* dst = reinterpret_cast<unsigned char*>(scratch);
     for (int a = 0; a < active; ++a) {
         const int d = digit[a];
         const int shift = kDigitBits * d;
@@ -108,17 +112,34 @@ bool radix_sort_doubles(double* m, int n) {
     return true;
 }
 
-bool sort_both_tails(double* m, int n, int k) {
-    if (k < 1 || 2 * static_cast<long long>(k) > n) return false;
+namespace {
+
+bool has_nan_or_negative_zero(const double* m, int n) {
     for (int i = 0; i < n; ++i) {
-        if (std::isnan(m[i]) || (m[i] == 0.0 && std::signbit(m[i]))) return false;
+        if (std::isnan(m[i]) || (m[i] == 0.0 && std::signbit(m[i]))) return true;
     }
+    return false;
+}
+
+}  // namespace
+
+bool sort_both_tails(double* m, int n, int k, std::uint64_t* scratch) {
+    if (k < 1 || 2 * static_cast<long long>(k) > n) return false;
+    if (has_nan_or_negative_zero(m, n)) return false;
     // Select the k smallest, then from the rest the k largest; each set is
     // then sorted on its own (its values, and so its sorted bits, are those
     // a full sort puts there).
     std::nth_element(m, m + k, m + n);
     std::nth_element(m + k, m + (n - k), m + n);
-    if (!radix_sort_doubles(m, k)) std::sort(m, m + k);
-    if (!radix_sort_doubles(m + (n - k), k)) std::sort(m + (n - k), m + n);
+    if (!radix_sort_doubles(m, k, scratch)) std::sort(m, m + k);
+    if (!radix_sort_doubles(m + (n - k), k, scratch)) std::sort(m + (n - k), m + n);
+    return true;
+}
+
+bool sort_upper_tail(double* m, int n, int k, std::uint64_t* scratch) {
+    if (k < 1 || k > n) return false;
+    if (has_nan_or_negative_zero(m, n)) return false;
+    if (k < n) std::nth_element(m, m + (n - k), m + n);
+    if (!radix_sort_doubles(m + (n - k), k, scratch)) std::sort(m + (n - k), m + n);
     return true;
 }

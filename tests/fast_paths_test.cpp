@@ -71,6 +71,110 @@ void fft(Complex* x, int n) {
     }
 }
 
+// The FSK equaliser with its whole tap history, 9 x (n + 1) values, as it
+// was first written.
+void mcmaFsk(const Complex* in, int n, double mu, Complex* out) {
+    if (n < 0) return;
+    const int taps = 9;
+    const std::int64_t slots = static_cast<std::int64_t>(n) + 1;
+    std::vector<Complex> w(static_cast<size_t>(taps * slots), Complex{0.0, 0.0});
+    if (8 < slots) w[8 * taps + 4] = Complex{1.0, 0.0};
+    for (int i = 0; i < n; ++i) out[i] = in[i];
+    Complex x[9];
+    for (std::int64_t t = 9; t <= n; ++t) {
+        const Complex* prev = w.data() + (t - 1) * taps;
+        Complex* next = w.data() + t * taps;
+        for (int j = 0; j < taps; ++j) x[j] = in[t - 1 - j];
+        Complex y{0.0, 0.0};
+        for (int j = 0; j < taps; ++j) y = Complex_add(y, CommonFun().Complex_mul(x[j], prev[j]));
+        out[t - 1] = y;
+        const double r = Complex_abs2(y);
+        const double R = r >= 4.0 ? 9.0 : 1.0;
+        const Complex g = Complex_scalar_mul(y, (R - r) / R);
+        for (int j = 0; j < taps; ++j) {
+            const Complex step =
+                Complex_scalar_mul(CommonFun().Complex_mul(Complex_conj(x[j]), g), mu);
+            next[j] = Complex_add(prev[j], step);
+        }
+        double norm2 = 0.0;
+        for (int j = 0; j < taps; ++j) norm2 += Complex_abs2(next[j]);
+        const double s = std::sqrt(norm2);
+        if (s > 1e-12)
+            for (int j = 0; j < taps; ++j) next[j] = complex_div_real(next[j], s);
+    }
+}
+
+// The eye trace by scattering every nonzero symbol value through the
+// 33-tap filter into a block-length array (taps copied from the library).
+void eye(const Complex* in, int n, int scale, double* out, int* len) {
+    static const double h[33] = {
+        -0.0, -0.001631969083967, -0.001312840904288, 0.00059465793684, -0.0,
+        -0.005022174366379, -0.00902315597244, -0.005359314112772, -0.0, -0.012154412643025,
+        -0.048354861493334, -0.070341634758917, 0.0, 0.220851293758382, 0.557957384322318,
+        0.87280673827055, 1.001980578094065, 0.87280673827055, 0.557957384322318,
+        0.220851293758382, 0.0, -0.070341634758917, -0.048354861493334, -0.012154412643025,
+        -0.0, -0.005359314112772, -0.00902315597244, -0.005022174366379, -0.0, 0.00059465793684,
+        -0.001312840904288, -0.001631969083967, -0.0};
+    if (n <= 0 || scale < 1 || *len <= 0) {
+        *len = 0;
+        return;
+    }
+    std::vector<double> y(static_cast<size_t>(4 * n + 32), 0.0);
+    for (int i = 0; i < n; ++i) {
+        const double value = in[i].re;
+        if (value == 0.0) continue;
+        for (int t = 0; t < 33; ++t) y[4 * i + t] += value * h[t];
+    }
+    std::int64_t m = 4 * static_cast<std::int64_t>(n) - 16;
+    if (m > *len) m = *len;
+    if (m < 0) m = 0;
+    for (std::int64_t k = 0; k < m; ++k) out[k] = y[16 + k] / scale;
+    *len = static_cast<int>(m);
+}
+
+// The cubic interpolator's loop, one weight computation and one position
+// per output, on the state fields of a CommonFun (fresh or continued).
+void farrow(CommonFun& st, const Complex* in, int n, double fs_out, double fs_in, Complex* out,
+            int* out_len) {
+    const double step = fs_in / fs_out;
+    std::vector<Complex> ext;
+    const Complex* x = in;
+    int N = n, k = 1;
+    double mu = 0.0;
+    if (st.farrowInitialised) {
+        N = n + 3;
+        ext.assign(st.farrowHistory, st.farrowHistory + 3);
+        ext.insert(ext.end(), in, in + n);
+        x = ext.data();
+        k = st.farrowNextIndex;
+        mu = st.farrowMu;
+    }
+    auto at = [&](int i) { return i >= 1 ? x[i - 1] : Complex{0.0, 0.0}; };
+    const int k0 = k;
+    const double mu0 = mu;
+    int m = 0;
+    while (k >= 1 && k <= N - 2 && m < INT32_MAX) {
+        const double mu2 = mu * mu, mu3 = mu2 * mu;
+        const double wa = -0.16666666666666666 * mu3 + 0.5 * mu2 - 0.3333333333333333 * mu;
+        const double wb = 0.5 * mu3 - mu2 - 0.5 * mu + 1.0;
+        const double wc = -0.5 * mu3 + 0.5 * mu2 + mu;
+        const double wd = 0.16666666666666666 * mu3 - 0.16666666666666666 * mu;
+        const Complex a = at(k - 1), b = at(k), c = at(k + 1), d = at(k + 2);
+        out[m] = Complex{wa * a.re + wb * b.re + wc * c.re + wd * d.re,
+                         wa * a.im + wb * b.im + wc * c.im + wd * d.im};
+        m += 1;
+        const double t = m * step + mu0 + k0;
+        if (std::isnan(t)) break;
+        k = floor_to_int(t);
+        mu = t - k;
+    }
+    for (int h = 0; h < 3; ++h) st.farrowHistory[h] = N < 3 ? Complex{0.0, 0.0} : x[N - 3 + h];
+    st.farrowNextIndex = saturate_cast<int>(static_cast<double>(static_cast<std::int64_t>(k) + 3 - N));
+    st.farrowMu = mu;
+    st.farrowInitialised = 1;
+    *out_len = m;
+}
+
 }  // namespace plain
 
 namespace {
@@ -107,6 +211,65 @@ TEST(FastPaths, Conv2MatchesPlainLoop) {
             x.resize(static_cast<size_t>(count));
             want.resize(static_cast<size_t>(count));
             EXPECT_TRUE(sameBits(x, want)) << "in place, L " << L << " count " << count;
+        }
+    }
+}
+
+// The real correlation against the plain complex loop on {x, +0}: output
+// counts around the 16- and 32-wide blocks, filters of 1 to 97 taps, zeros,
+// infinities and NaN in x. Then the real matched filter against the complex
+// one on a frequency-like trace, for finite taps (RRC, Gaussian, rectangle)
+// and for the NaN taps of a NaN roll-off, which take the complex form.
+TEST(FastPaths, RealCorrelationMatchesComplexForm) {
+    std::mt19937 rng(9);
+    std::uniform_real_distribution<float> u(-1.0f, 1.0f);
+    std::normal_distribution<double> g(0.0, 0.5);
+    for (int L : {1, 2, 9, 33, 97}) {
+        for (int count : {1, 15, 16, 17, 31, 32, 33, 48, 63, 65, 1001}) {
+            const int n = count + L - 1;
+            std::vector<float> h(static_cast<size_t>(L));
+            for (float& v : h) v = u(rng);
+            std::vector<double> x(static_cast<size_t>(n));
+            for (double& v : x) v = g(rng);
+            if (n > 8) x[1] = 0.0, x[2] = -0.0, x[n / 2] = -1e300;
+            std::vector<Complex> xc(x.size()), want(x.size()), got(x.size(), Complex{5.0, 5.0});
+            for (int i = 0; i < n; ++i) xc[i] = Complex{x[i], 0.0};
+            int wl = -1, gl = -1;
+            plain::conv2(xc.data(), n, h.data(), L, want.data(), &wl);
+            CommonFun().conv2_real(x.data(), n, h.data(), L, got.data(), &gl);
+            ASSERT_EQ(gl, wl);
+            got.resize(static_cast<size_t>(count));
+            want.resize(static_cast<size_t>(count));
+            EXPECT_TRUE(sameBits(got, want)) << "L " << L << " count " << count;
+        }
+    }
+    const int n = 3000;
+    std::vector<double> trace(n);
+    for (double& v : trace) v = g(rng);
+    trace[100] = std::numeric_limits<double>::infinity();
+    trace[200] = std::nan("");
+    std::vector<Complex> asComplex(n);
+    for (int i = 0; i < n; ++i) asComplex[i] = Complex{trace[i], 0.0};
+    struct Filter { std::uint32_t type; double beta; };
+    for (const Filter f : {Filter{FILTER_RRC, 0.35}, Filter{FILTER_GAUSS, 0.5},
+                           Filter{FILTER_RECT, 0.0}, Filter{FILTER_RRC, std::nan("")}}) {
+        for (double sps : {4.0, 8.0}) {
+            ExParamOut p{};
+            p.Rb = 25000;
+            p.rolloff = f.beta;
+            p.filterType = f.type;
+            std::vector<Complex> want(n), got(n);
+            int wl = -1, gl = -1;
+            CommonFun a, b;
+            a.matchFilter(asComplex.data(), n, sps * p.Rb, p, want.data(), wl);
+            b.matchFilterReal(trace.data(), n, sps * p.Rb, p, got.data(), gl);
+            ASSERT_EQ(gl, wl);
+            ASSERT_GT(gl, 0);
+            want.resize(static_cast<size_t>(wl));
+            got.resize(static_cast<size_t>(gl));
+            EXPECT_TRUE(sameBits(got, want)) << "filter " << f.type << " sps " << sps;
+            EXPECT_EQ(a.mfHistLen, b.mfHistLen);
+            EXPECT_EQ(a.mfFilterLen, b.mfFilterLen);
         }
     }
 }
@@ -274,7 +437,8 @@ TEST(FastPaths, NormStarMatchesFullSort) {
 
 // The radix sort against std::sort on mixed signs, ties, infinities and
 // subnormals at lengths around its byte passes; a NaN or a -0 is refused and
-// the array left as it was.
+// the array left as it was. The selections of one or both tails against the
+// ends of the full sort.
 TEST(FastPaths, RadixSortMatchesComparisonSort) {
     std::mt19937 rng(3);
     std::normal_distribution<double> g(0.0, 1e3);
@@ -299,6 +463,7 @@ TEST(FastPaths, RadixSortMatchesComparisonSort) {
         const std::vector<double> before = v;
         EXPECT_FALSE(radix_sort_doubles(v.data(), 4));
         EXPECT_FALSE(sort_both_tails(v.data(), 4, 1));
+        EXPECT_FALSE(sort_upper_tail(v.data(), 4, 1));
         EXPECT_TRUE(sameBits(v, before));
     }
     // Both tails of a selection against the ends of a full sort.
@@ -308,9 +473,108 @@ TEST(FastPaths, RadixSortMatchesComparisonSort) {
         std::vector<double> want = v;
         std::sort(want.begin(), want.end());
         const int k = std::max(1, n / 5);
-        ASSERT_TRUE(sort_both_tails(v.data(), n, k));
+        std::vector<double> u = v;
+        std::vector<std::uint64_t> keys(static_cast<size_t>(k));
+        ASSERT_TRUE(sort_both_tails(v.data(), n, k, n > 5 ? keys.data() : nullptr));
         EXPECT_EQ(std::memcmp(v.data(), want.data(), 8 * k), 0) << n;
         EXPECT_EQ(std::memcmp(&v[n - k], &want[n - k], 8 * k), 0) << n;
+        // The upper tail alone, its keys in the caller's scratch or its own,
+        // for one value, a share, and the whole array.
+        for (const int top : {1, std::max(1, n / 8), n}) {
+            std::vector<double> w = u;
+            std::vector<std::uint64_t> room(static_cast<size_t>(top));
+            ASSERT_TRUE(sort_upper_tail(w.data(), n, top, top > 1 ? room.data() : nullptr));
+            EXPECT_EQ(std::memcmp(&w[n - top], &want[n - top], 8 * top), 0) << n << " " << top;
+        }
+    }
+}
+
+// The FSK equaliser keeping two tap sets against the full history: noisy
+// four-level streams (both rings, the taps moving all the time), lengths
+// around the eight unequalised outputs, and a stream with a zero run (the
+// norm floor) and a NaN.
+TEST(FastPaths, FskEqualiserMatchesFullTapHistory) {
+    std::mt19937 rng(11);
+    std::normal_distribution<double> g(0.0, 0.3);
+    const double levels[4] = {-3.0, -1.0, 1.0, 3.0};
+    for (int n : {0, 1, 8, 9, 10, 17, 5000}) {
+        for (int variant = 0; variant < 2; ++variant) {
+            std::vector<Complex> in(static_cast<size_t>(n));
+            for (Complex& x : in) x = Complex{levels[rng() % 4] + g(rng), g(rng)};
+            if (variant == 1 && n > 40) {
+                for (int i = 10; i < 30; ++i) in[i] = Complex{0.0, 0.0};
+                in[n - 5].re = std::nan("");
+            }
+            std::vector<Complex> want(in.size() + 1, Complex{-7.0, 7.0}), got = want;
+            plain::mcmaFsk(in.data(), n, 0.005, want.data());
+            CommonFun().mcma_equalizeFORfsk(in.data(), n, 9, 0.005, got.data());
+            EXPECT_TRUE(sameBits(got, want)) << "n " << n << " variant " << variant;
+        }
+    }
+}
+
+// The eye formed output by output against the scatter into a full array:
+// short and long blocks, every scale the chains use, capacities below and
+// above 4n - 16, and zeros, signed zeros, infinities and NaN among the
+// symbols (an infinite value meets the filter's zero taps).
+TEST(FastPaths, EyeMatchesScatteredFilter) {
+    std::mt19937 rng(5);
+    std::normal_distribution<double> g(0.0, 1.0);
+    for (int n : {1, 2, 4, 5, 9, 800, 5000}) {
+        std::vector<Complex> in = randomBlock(rng, n, 1.0);
+        for (int i = 0; i < n; i += 7) in[i].re = i % 2 ? 0.0 : -0.0;
+        if (n > 100) {
+            in[50].re = std::numeric_limits<double>::infinity();
+            in[90].re = std::nan("");
+        }
+        for (int scale : {1, 2, 3}) {
+            for (int cap : {4 * n, 4 * n - 16, 4 * n - 17, 3}) {
+                std::vector<double> want(static_cast<size_t>(4 * n), -5.0), got = want;
+                int wl = cap, gl = cap;
+                plain::eye(in.data(), n, scale, want.data(), &wl);
+                CommonFun().getEye(in.data(), n, scale, got.data(), &gl);
+                ASSERT_EQ(gl, wl);
+                EXPECT_TRUE(sameBits(got, want)) << "n " << n << " scale " << scale << " cap " << cap;
+            }
+        }
+    }
+}
+
+// The interpolator on whole steps (weights formed once, positions counted)
+// against the plain loop: steps of 1 to 4 input samples, zero, signed-zero,
+// infinite and NaN samples, real blocks with +0 imaginary parts, and a
+// second block continuing the first (the stored position and mu, then a
+// fractional step, take the general loop): outputs, counts and stored state.
+TEST(FastPaths, WholeStepInterpolationMatchesPlainLoop) {
+    std::mt19937 rng(13);
+    for (double ratio : {1.0, 2.0, 3.0, 4.0, 2.5}) {
+        for (int n : {1, 2, 3, 4, 5, 9, 4001}) {
+            std::vector<Complex> in = randomBlock(rng, n, 1.0);
+            if (n > 20) {
+                in[3] = Complex{0.0, -0.0};
+                in[4] = Complex{-0.0, 0.0};
+                in[10].re = std::numeric_limits<double>::infinity();
+                in[15].im = std::nan("");
+                for (int i = 20; i < n; ++i) in[i].im = 0.0;
+            }
+            CommonFun fast, slow;
+            fast.Reset();
+            slow.Reset();
+            for (int call = 0; call < 2; ++call) {
+                std::vector<Complex> want(static_cast<size_t>(n + 8)), got(want.size());
+                int wl = -1, gl = -1;
+                const double fsIn = 100000.0 * ratio, fsOut = 100000.0;
+                plain::farrow(slow, in.data(), n, fsOut, fsIn, want.data(), &wl);
+                fast.FarrowInterp(in.data(), n, fsOut, fsIn, got.data(), &gl);
+                ASSERT_EQ(gl, wl) << ratio << " " << n;
+                want.resize(static_cast<size_t>(wl));
+                got.resize(static_cast<size_t>(gl));
+                EXPECT_TRUE(sameBits(got, want)) << "ratio " << ratio << " n " << n;
+                EXPECT_EQ(fast.farrowNextIndex, slow.farrowNextIndex);
+                EXPECT_EQ(std::memcmp(&fast.farrowMu, &slow.farrowMu, 8), 0);
+                EXPECT_EQ(std::memcmp(fast.farrowHistory, slow.farrowHistory, 48), 0);
+            }
+        }
     }
 }
 
