@@ -141,28 +141,37 @@ cd nearest(const Constellation& c, cd z) {
 }
 
 // Two-level decisions of ASK on the real axis: the levels are the means of
-// the two clusters (k-means from the 10th and 90th percentiles).
-void askDecisions(const WorkVec<cd>& r, WorkVec<cd>& a) {
+// the two clusters (k-means). `levels` carries the pair from one round of
+// the phase fit to the next: a round that finds it unset (lo >= hi) starts
+// from the 10th and 90th percentiles, a later one from the previous means,
+// which the slightly moved symbols leave nearly where they were.
+struct AskLevels {
+    double lo = 0.0, hi = 0.0;
+};
+
+void askDecisions(const WorkVec<cd>& r, WorkVec<cd>& a, AskLevels& levels) {
     WorkVec<double> re(r.size());
     for (std::size_t k = 0; k < r.size(); ++k) re[k] = r[k].real();
-    WorkVec<double> work = re;
-    std::nth_element(work.begin(), work.begin() + long(work.size() / 10), work.end());
-    double lo = work[work.size() / 10];
-    std::nth_element(work.begin(), work.begin() + long(work.size() * 9 / 10), work.end());
-    double hi = work[work.size() * 9 / 10];
+    double lo = levels.lo, hi = levels.hi;
+    if (!(lo < hi)) {
+        WorkVec<double> work = re;
+        std::nth_element(work.begin(), work.begin() + long(work.size() / 10), work.end());
+        lo = work[work.size() / 10];
+        std::nth_element(work.begin(), work.begin() + long(work.size() * 9 / 10), work.end());
+        hi = work[work.size() * 9 / 10];
+    }
     for (int it = 0; it < 20; ++it) {
         const double thr = 0.5 * (lo + hi);
+        // Sums of both clusters without a branch on the noise.
         double sl = 0, sh = 0;
-        std::size_t nl = 0, nh = 0;
+        std::size_t nl = 0;
         for (double v : re) {
-            if (v < thr) {
-                sl += v;
-                ++nl;
-            } else {
-                sh += v;
-                ++nh;
-            }
+            const bool low = v < thr;
+            sl += low ? v : 0.0;
+            sh += low ? 0.0 : v;
+            nl += low;
         }
+        const std::size_t nh = re.size() - nl;
         if (nl == 0 || nh == 0) break;
         const double newLo = sl / double(nl), newHi = sh / double(nh);
         // The split is final once the two means stop moving.
@@ -171,6 +180,8 @@ void askDecisions(const WorkVec<cd>& r, WorkVec<cd>& a) {
         hi = newHi;
         if (settled) break;
     }
+    levels.lo = lo;
+    levels.hi = hi;
     const double thr = 0.5 * (lo + hi);
     a.resize(r.size());
     for (std::size_t k = 0; k < r.size(); ++k) a[k] = cd(re[k] < thr ? lo : hi, 0.0);
@@ -204,9 +215,9 @@ struct PhaseLine {
 };
 
 void decide(const WorkVec<cd>& norm, const Constellation& c, ModType family,
-            WorkVec<cd>& ideal) {
+            WorkVec<cd>& ideal, AskLevels& levels) {
     if (family == MT_ASK) {
-        askDecisions(norm, ideal);
+        askDecisions(norm, ideal, levels);
         return;
     }
     ideal.resize(norm.size());
@@ -283,10 +294,11 @@ PhaseLine fitLine(const WorkVec<cd>& z, const Instants& t, const Constellation& 
     const std::size_t K = z.size();
     const double tmid = 0.5 * (t.at(0) + t.at(K - 1));
     WorkVec<cd> previous;
+    AskLevels levels;  // ASK: carried from round to round
     for (int it = 0; it < passes; ++it) {
         normalise(z, t, line, norm);
         previous.swap(ideal);
-        decide(norm, c, family, ideal);
+        decide(norm, c, family, ideal, levels);
         // Gauss-Newton step of the squared error sum |r_k - a_k|^2 over the
         // line: with r_k = |r_k| exp(j e_k) a_k / |a_k|, its derivatives in
         // phase and slope are the sums of Im(r_k conj(a_k)) = |r_k||a_k|
@@ -324,7 +336,7 @@ PhaseLine fitLine(const WorkVec<cd>& z, const Instants& t, const Constellation& 
         if (settled) break;
     }
     normalise(z, t, line, norm);
-    decide(norm, c, family, ideal);
+    decide(norm, c, family, ideal, levels);
     return line;
 }
 

@@ -20,8 +20,37 @@ std::size_t nextPow2(std::size_t n) {
 }
 }  // namespace
 
-// Iterative radix-2 decimation in time; twiddles computed directly (no
-// recurrence) so the error stays at rounding level for any length.
+// One complex value as a (re, im) pair: an SSE2 register where there is one.
+// twiddle(u, w) is u times a twiddle stored as (re, re, -im, im):
+// (ur wr + ui (-wi), ui wr + ur wi), every value here finite, so the
+// infinity-aware complex multiply is not needed.
+#if defined(__SSE2__)
+using Pair = __m128d;
+inline Pair load(const double* p) { return _mm_loadu_pd(p); }
+inline void store(double* p, Pair v) { _mm_storeu_pd(p, v); }
+inline Pair add(Pair a, Pair b) { return _mm_add_pd(a, b); }
+inline Pair sub(Pair a, Pair b) { return _mm_sub_pd(a, b); }
+inline Pair twiddle(Pair u, const double* w) {
+    return _mm_add_pd(_mm_mul_pd(u, _mm_loadu_pd(w)),
+                      _mm_mul_pd(_mm_shuffle_pd(u, u, 1), _mm_loadu_pd(w + 2)));
+}
+#else
+struct Pair {
+    double re, im;
+};
+inline Pair load(const double* p) { return {p[0], p[1]}; }
+inline void store(double* p, Pair v) {
+    p[0] = v.re;
+    p[1] = v.im;
+}
+inline Pair add(Pair a, Pair b) { return {a.re + b.re, a.im + b.im}; }
+inline Pair sub(Pair a, Pair b) { return {a.re - b.re, a.im - b.im}; }
+inline Pair twiddle(Pair u, const double* w) { return {u.re * w[0] + u.im * w[2], u.im * w[1] + u.re * w[3]}; }
+#endif
+
+// Iterative radix-2 decimation in time, its stages taken two at a time;
+// twiddles computed directly (no recurrence) so the error stays at rounding
+// level for any length.
 void fft_pow2(WorkVec<cd>& x) {
     const std::size_t n = x.size();
     for (std::size_t i = 1, j = 0; i < n; ++i) {
@@ -53,33 +82,38 @@ void fft_pow2(WorkVec<cd>& x) {
         }
     }
     double* data = reinterpret_cast<double*>(x.data());
-    for (std::size_t half = 1; half < n; half <<= 1) {
-        const double* w = table.data() + 4 * (half - 1);
-        for (std::size_t i = 0; i < n; i += 2 * half) {
-            double* lo = data + 2 * i;
-            double* up = lo + 2 * half;
+    // Two stages at a time where two remain (half h, then 2h, on groups of
+    // 4h): each value is loaded and stored once per pair of stages, with the
+    // very products and sums of the stages taken one by one.
+    std::size_t half = 1;
+    for (; 2 * half < n; half *= 4) {
+        const double* wa = table.data() + 4 * (half - 1);
+        const double* wb = table.data() + 4 * (2 * half - 1);
+        for (std::size_t i = 0; i < n; i += 4 * half) {
             for (std::size_t k = 0; k < half; ++k) {
-                // t = up w written out: (ur wr - ui wi, ui wr + ur wi), every
-                // value here finite, so the infinity-aware multiply is not
-                // needed. One register holds (re, im).
-#if defined(__SSE2__)
-                const __m128d u = _mm_loadu_pd(up + 2 * k);
-                const __m128d swapped = _mm_shuffle_pd(u, u, 1);
-                const __m128d t = _mm_add_pd(_mm_mul_pd(u, _mm_loadu_pd(w + 4 * k)),
-                                             _mm_mul_pd(swapped, _mm_loadu_pd(w + 4 * k + 2)));
-                const __m128d l = _mm_loadu_pd(lo + 2 * k);
-                _mm_storeu_pd(up + 2 * k, _mm_sub_pd(l, t));
-                _mm_storeu_pd(lo + 2 * k, _mm_add_pd(l, t));
-#else
-                const double ur = up[2 * k], ui = up[2 * k + 1];
-                const double tr = ur * w[4 * k] + ui * w[4 * k + 2];
-                const double ti = ui * w[4 * k + 1] + ur * w[4 * k + 3];
-                up[2 * k] = lo[2 * k] - tr;
-                up[2 * k + 1] = lo[2 * k + 1] - ti;
-                lo[2 * k] += tr;
-                lo[2 * k + 1] += ti;
-#endif
+                double* pa = data + 2 * (i + k);
+                double* pb = pa + 2 * half;
+                double* pc = pb + 2 * half;
+                double* pd = pc + 2 * half;
+                const Pair a = load(pa), b = load(pb), c = load(pc), d = load(pd);
+                const Pair t1 = twiddle(b, wa + 4 * k), t2 = twiddle(d, wa + 4 * k);
+                const Pair a1 = add(a, t1), b1 = sub(a, t1), c1 = add(c, t2), d1 = sub(c, t2);
+                const Pair t3 = twiddle(c1, wb + 4 * k), t4 = twiddle(d1, wb + 4 * (k + half));
+                store(pa, add(a1, t3));
+                store(pc, sub(a1, t3));
+                store(pb, add(b1, t4));
+                store(pd, sub(b1, t4));
             }
+        }
+    }
+    if (half < n) {  // an odd number of stages leaves the last one alone
+        const double* w = table.data() + 4 * (half - 1);
+        for (std::size_t k = 0; k < half; ++k) {
+            double* lo = data + 2 * k;
+            double* up = lo + 2 * half;
+            const Pair l = load(lo), t = twiddle(load(up), w + 4 * k);
+            store(up, sub(l, t));
+            store(lo, add(l, t));
         }
     }
 }
