@@ -475,6 +475,24 @@ std::ostream& operator<<(std::ostream& os, const PathCase& c) {
     return os << sg::modeName(c.mode) << " sps " << c.sps;
 }
 
+namespace {
+
+// The measurement pipeline of a generated capture, as VantrelMeasure sets it
+// up, for the tests that read its decisions and instants.
+MeasurementPipeline pipelineOf(const sg::Result& r) {
+    MeasurementPipeline p;
+    p.fs = r.fs;
+    p.rb = r.config.Rb;
+    p.mode = static_cast<uint32_t>(r.config.mode);
+    p.filterType = r.config.filterType;
+    p.rolloff = r.config.rolloff;
+    CommonFun().getDiscriminatorType(static_cast<modulationTypeOut>(p.mode), &p.family, &p.order);
+    for (size_t i = 0; i < r.I.size(); ++i) p.raw.emplace_back(r.I[i], r.Q[i]);
+    return p;
+}
+
+}  // namespace
+
 class MeasurementPath : public ::testing::TestWithParam<PathCase> {};
 
 TEST_P(MeasurementPath, MerReadsEsN0AndEverySymbolIsDecided) {
@@ -492,14 +510,7 @@ TEST_P(MeasurementPath, MerReadsEsN0AndEverySymbolIsDecided) {
         c.carrierPhase = 2.0;
         if (pc.mode == MOD_ASK) c.askLowLevel = 0.2;
         const sg::Result r = sg::generate(c);
-        MeasurementPipeline p;
-        p.fs = r.fs;
-        p.rb = c.Rb;
-        p.mode = static_cast<uint32_t>(pc.mode);
-        p.filterType = c.filterType;
-        p.rolloff = c.rolloff;
-        CommonFun().getDiscriminatorType(static_cast<modulationTypeOut>(pc.mode), &p.family, &p.order);
-        for (size_t i = 0; i < r.I.size(); ++i) p.raw.emplace_back(r.I[i], r.Q[i]);
+        MeasurementPipeline p = pipelineOf(r);
         VantrelMeasurement m = blankRecord();
         measureBlock(p, m);
         SCOPED_TRACE(::testing::Message() << "Es/N0 " << esn0 << " MER " << m.merDb);
@@ -578,14 +589,7 @@ TEST(MeasurementFskDeviation, LowSnrDecisionsNearTheory) {
         c.esn0Db = 10.0;
         c.carrierOffsetHz = 0.011 * c.Rb;
         const sg::Result r = sg::generate(c);
-        MeasurementPipeline p;
-        p.fs = r.fs;
-        p.rb = c.Rb;
-        p.mode = MOD_2FSK_B;
-        p.filterType = c.filterType;
-        p.rolloff = c.rolloff;
-        CommonFun().getDiscriminatorType(static_cast<modulationTypeOut>(p.mode), &p.family, &p.order);
-        for (size_t i = 0; i < r.I.size(); ++i) p.raw.emplace_back(r.I[i], r.Q[i]);
+        MeasurementPipeline p = pipelineOf(r);
         VantrelMeasurement m = blankRecord();
         measureBlock(p, m);
         const vantrel::accuracy::MeasuredErrors e = vantrel::accuracy::countMeasuredErrors(r, p);

@@ -142,6 +142,16 @@ sg::Config caseConfig(int code, double sps, double esn0, long samples, std::uint
     return c;
 }
 
+// The call parameters a host would pass for a generated capture.
+ExParamOut paramsOf(const sg::Config& c) {
+    ExParamOut param{};
+    param.Rb = c.Rb;
+    param.mode = static_cast<uint32_t>(c.mode);
+    param.rolloff = c.rolloff;
+    param.filterType = static_cast<uint32_t>(c.filterType);
+    return param;
+}
+
 Row runCase(int handle, int code, double sps, double esn0, long samples, std::uint64_t seed) {
     Row row;
     row.code = code;
@@ -152,12 +162,7 @@ Row runCase(int handle, int code, double sps, double esn0, long samples, std::ui
     row.theory = theoryFor(r, esn0);
     if (r.family == sg::Family::FSK) row.deviationTruth = c.fskDeviationHz;
     const uint32_t n = static_cast<uint32_t>(r.I.size());
-    ExParamOut param{};
-    param.Rb = c.Rb;
-    param.mode = static_cast<uint32_t>(code);
-    param.rolloff = c.rolloff;
-    param.filterType = static_cast<uint32_t>(c.filterType);
-
+    const ExParamOut param = paramsOf(c);
     HostArrays host(n, param.mode);
     auto t0 = std::chrono::steady_clock::now();
     row.stdCode = VantrelExcute(handle, r.I.data(), r.Q.data(), n, &param, false, false, &host.rec,
@@ -259,11 +264,7 @@ Timing timeCalls(int handle, int code, double sps, long samples, int rounds) {
     const sg::Config c = caseConfig(code, sps, 30.0, samples, 99);
     const sg::Result r = sg::generate(c);
     const uint32_t n = static_cast<uint32_t>(r.I.size());
-    ExParamOut param{};
-    param.Rb = c.Rb;
-    param.mode = static_cast<uint32_t>(code);
-    param.rolloff = c.rolloff;
-    param.filterType = static_cast<uint32_t>(c.filterType);
+    const ExParamOut param = paramsOf(c);
     HostArrays host(n, param.mode);
     std::vector<double> stdMs, measMs;
     for (int round = 0; round <= rounds; ++round) {
