@@ -11,11 +11,17 @@
 // symbol, sum_j d_j is the steady frequency of level 1: the outer tone's
 // deviation is that sum times the outer level. The residual of the fit is
 // the FSK error.
+// Decisions are refined with the fitted neighbour terms taken out of each
+// symbol's frequency, and, for tones at least 0.75 Rb apart, by correlation
+// with the tones. The deviation comes from the same regression on
+// advances that cannot slip by 2 pi: lag products summed per pattern of
+// levels before their angle is taken, over the symbols whose decisions are
+// clear.
 // Below four samples per symbol the block is first interpolated to four, so
 // that the phase differences stay well inside +-pi and the one-symbol
-// average has several samples to work with; above eight it is decimated to
-// eight, which keeps the noise outside the signal's band out of the
-// discriminator.
+// average has several samples to work with (the lag products are still
+// taken on the captured samples); above eight it is decimated to eight,
+// which keeps the noise outside the signal's band out of the discriminator.
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -89,6 +95,52 @@ double cubicAt(const WorkVec<double>& x, double t) {
            y[2] * (-(u + 1.0) * u * (u - 2.0) / 2.0) + y[3] * ((u + 1.0) * u * (u - 1.0) / 6.0);
 }
 
+constexpr int kPatterns = 1024;  // five levels of four values
+
+// Pattern of symbol k: levels k-2 .. k+2 as base-4 digits (-3..3 -> 0..3),
+// the oldest the most significant; sliding one symbol shifts in the newest
+// digit. Defined for 2 <= k < K-2.
+WorkVec<std::uint16_t> patternsOf(const WorkVec<int>& level) {
+    const std::size_t K = level.size();
+    WorkVec<std::uint16_t> pattern(K, 0);
+    int index = 0;
+    for (std::size_t k = 0; k < K; ++k) {
+        index = (4 * index + (level[k] + 3) / 2) % kPatterns;
+        if (k >= 4) pattern[k - 2] = static_cast<std::uint16_t>(index);
+    }
+    return pattern;
+}
+
+// Regressors of a pattern: 1 and its five levels.
+void regressorsOf(int pattern, double r[6]) {
+    r[0] = 1.0;
+    for (int j = 4; j >= 0; --j, pattern /= 4) r[j + 1] = double(2 * (pattern % 4) - 3);
+}
+
+// Least squares adv = fc + sum_j d_j level_j from each pattern's weight and
+// weighted sum of advances; coef = {fc, d_-2 .. d_2}.
+bool fitPatterns(const WorkVec<double>& weight, const WorkVec<double>& sum, WorkVec<double>& coef) {
+    double A[6][7] = {};
+    for (int pat = 0; pat < kPatterns; ++pat) {
+        const double c = weight[std::size_t(pat)];
+        if (c == 0.0) continue;
+        double r[6];
+        regressorsOf(pat, r);
+        for (int i = 0; i < 6; ++i) {
+            for (int j = 0; j < 6; ++j) A[i][j] += c * r[i] * r[j];
+            A[i][6] += r[i] * sum[std::size_t(pat)];
+        }
+    }
+    return solveNormal(A, 6, coef);
+}
+
+double modelOf(const WorkVec<double>& coef, int pattern) {
+    double r[6], v = 0.0;
+    regressorsOf(pattern, r);
+    for (int j = 0; j < 6; ++j) v += coef[std::size_t(j)] * r[j];
+    return v;
+}
+
 // Regression adv_k = fc + sum_{j=-2..2} d_j level_{k+j}: the neighbours'
 // terms absorb the interference of a shaped frequency pulse, so the
 // intercept is the carrier alone. coef = {fc, d_-2 .. d_2}; residual is the
@@ -100,43 +152,16 @@ bool fitLevels(const WorkVec<int>& level, const WorkVec<double>& adv,
                WorkVec<double>& coef, double& residual) {
     const std::size_t K = level.size();
     if (K < 8) return false;
-    constexpr int kPatterns = 1024;  // five levels of four values
-    auto levelsOf = [](int index, double r[6]) {
-        r[0] = 1.0;
-        for (int j = 4; j >= 0; --j, index /= 4) r[j + 1] = double(2 * (index % 4) - 3);
-    };
-    // Pattern of symbol k: levels k-2 .. k+2 as base-4 digits (-3..3 ->
-    // 0..3), the oldest the most significant; sliding one symbol shifts in
-    // the newest digit.
-    WorkVec<std::uint16_t> pattern(K, 0);
-    int index = 0;
-    for (std::size_t k = 0; k < K; ++k) {
-        index = (4 * index + (level[k] + 3) / 2) % kPatterns;
-        if (k >= 4) pattern[k - 2] = static_cast<std::uint16_t>(index);
-    }
+    const WorkVec<std::uint16_t> pattern = patternsOf(level);
     WorkVec<double> count(kPatterns, 0.0), sum(kPatterns, 0.0);
     for (std::size_t k = 2; k + 2 < K; ++k) {
         count[pattern[k]] += 1.0;
         sum[pattern[k]] += adv[k];
     }
-    double A[6][7] = {};
-    for (int pat = 0; pat < kPatterns; ++pat) {
-        const double c = count[std::size_t(pat)];
-        if (c == 0.0) continue;
-        double r[6];
-        levelsOf(pat, r);
-        for (int i = 0; i < 6; ++i) {
-            for (int j = 0; j < 6; ++j) A[i][j] += c * r[i] * r[j];
-            A[i][6] += r[i] * sum[std::size_t(pat)];
-        }
-    }
-    if (!solveNormal(A, 6, coef)) return false;
+    if (!fitPatterns(count, sum, coef)) return false;
     WorkVec<double> model(kPatterns, 0.0);
-    for (int pat = 0; pat < kPatterns; ++pat) {
-        double r[6];
-        levelsOf(pat, r);
-        for (int j = 0; j < 6; ++j) model[std::size_t(pat)] += coef[std::size_t(j)] * r[j];
-    }
+    for (int pat = 0; pat < kPatterns; ++pat)
+        if (count[std::size_t(pat)] > 0.0) model[std::size_t(pat)] = modelOf(coef, pat);
     residual = 0.0;
     for (std::size_t k = 2; k + 2 < K; ++k) {
         const double e = adv[k] - model[pattern[k]];
@@ -144,6 +169,111 @@ bool fitLevels(const WorkVec<int>& level, const WorkVec<double>& adv,
     }
     residual = std::sqrt(residual / double(K - 4));
     return true;
+}
+
+// The same regression on click-free advances. At low SNR the discriminator's
+// phase slips by 2 pi now and then, mostly against the frequency, so its
+// advances read the deviation low. Here each symbol contributes the product
+// x[a + L] conj(x[a]) over L ~ T samples from its instant to the next, and
+// the products of every symbol with the same pattern are summed before the
+// angle is taken: noise then averages out instead of wrapping. The windows
+// run from centre to centre, where the phase is least disturbed by the steps
+// between symbols; the regression's neighbour terms take up the shift, and
+// the sum of the coefficients (the steady frequency) depends only on the
+// window's length. The angle is known modulo 2 pi; the discriminator's own
+// advance over the same window, a few per cent off at worst, picks the turn.
+// x may run at another rate than the discriminator: `scale` is its samples
+// per discriminator sample, and xfs its rate.
+bool fitLagProducts(const WorkVec<cd>& x, double scale, double xfs, const WorkVec<double>& phase,
+                    const WorkVec<double>& t, double T, const WorkVec<int>& level,
+                    const WorkVec<char>& trusted, WorkVec<double>& coef) {
+    const std::size_t K = level.size();
+    const long n = static_cast<long>(x.size());
+    const long L = std::max(1L, std::lround(T * scale));
+    if (K < 8 || n <= L) return false;
+    const WorkVec<std::uint16_t> pattern = patternsOf(level);
+    // Windows start on the sample nearest each instant, so their offset from
+    // the instant drifts with the clock's fraction; products are summed
+    // per pattern and per eighth of a sample of that offset, and the angles
+    // of the bins (each with its own turn) averaged, so that windows at
+    // different offsets are not mixed inside one sum.
+    constexpr std::size_t kBins = 8;
+    WorkVec<cd> product(kBins * kPatterns, cd(0, 0));
+    WorkVec<double> count(kBins * kPatterns, 0.0), slipped(kBins * kPatterns, 0.0);
+    for (std::size_t k = 2; k + 2 < K; ++k) {
+        if (!trusted[k]) continue;
+        const double start = t[k] * scale;
+        const long a = std::lround(start);
+        if (a < 0 || a + L >= n) continue;
+        const std::size_t bin = std::min(kBins - 1, static_cast<std::size_t>((start - double(a) + 0.5) * kBins));
+        const std::size_t slot = bin * kPatterns + pattern[k];
+        const std::size_t i = std::size_t(a);
+        product[slot] += x[i + std::size_t(L)] * std::conj(x[i]);
+        slipped[slot] += linearAt(phase, double(a + L) / scale) - linearAt(phase, double(a) / scale);
+        count[slot] += 1.0;
+    }
+    const double toHz = xfs / (kTwoPi * double(L));
+    WorkVec<double> weight(kPatterns, 0.0), sum(kPatterns, 0.0);
+    for (std::size_t slot = 0; slot < kBins * kPatterns; ++slot) {
+        const double c = count[slot];
+        if (c == 0.0) continue;
+        const double expected = slipped[slot] / c;
+        const double angle = std::arg(product[slot]);
+        const double turns = std::nearbyint((expected - angle) / kTwoPi);
+        weight[slot % kPatterns] += c;
+        sum[slot % kPatterns] += c * (angle + kTwoPi * turns) * toHz;
+    }
+    return fitPatterns(weight, sum, coef);
+}
+
+// A symbol's one-symbol frequency, with the neighbours' share taken out, in
+// level units: its own level plus noise. The symbol holds, besides its own
+// level times d_0, the parts d_j of its neighbours' levels that the pulse
+// (and, below four samples per symbol, the interpolation) spreads into it.
+double ownLevelValue(const WorkVec<double>& centre, const WorkVec<double>& coef,
+                     const WorkVec<int>& level, long k) {
+    const long K = static_cast<long>(level.size());
+    double v = centre[std::size_t(k)] - coef[0];
+    for (long j = -2; j <= 2; ++j)
+        if (j != 0 && k + j >= 0 && k + j < K) v -= coef[std::size_t(j + 3)] * level[std::size_t(k + j)];
+    return v / coef[3];
+}
+
+// Decisions with the neighbours' share taken out: with the model fitted,
+// each symbol's value is formed from its neighbours' latest decisions
+// (earlier symbols from this pass) and sliced to the nearest level.
+void cancelNeighbours(const WorkVec<double>& centre, const WorkVec<double>& coef, bool four,
+                      WorkVec<int>& level) {
+    if (!(std::fabs(coef[3]) > 0.0)) return;
+    const double top = four ? 3.0 : 1.0;
+    for (long k = 0; k < static_cast<long>(level.size()); ++k) {
+        const double v = ownLevelValue(centre, coef, level, k);
+        const double odd = 2.0 * std::floor(0.5 * v) + 1.0;  // the nearest odd level
+        level[std::size_t(k)] = static_cast<int>(std::max(-top, std::min(top, odd)));
+    }
+}
+
+// Symbols whose decision the deviation may trust: the value of each of the
+// five symbols of its pattern lies within `margin` level units of its
+// decided level. The window is symmetric about the level, so it keeps the
+// noise's mean at zero, while a wrong decision (whose value lies about a
+// whole unit from the level it was given) rarely passes it. A decision error
+// would otherwise put an outer symbol's products into an inner pattern and
+// the reverse, and pull the fitted deviation in.
+WorkVec<char> trustedSymbols(const WorkVec<double>& centre, const WorkVec<double>& coef,
+                             const WorkVec<int>& level, double margin) {
+    const long K = static_cast<long>(level.size());
+    WorkVec<char> near(level.size(), 0), trusted(level.size(), 0);
+    if (!(std::fabs(coef[3]) > 0.0)) return trusted;
+    for (long k = 0; k < K; ++k)
+        near[std::size_t(k)] =
+            std::fabs(ownLevelValue(centre, coef, level, k) - level[std::size_t(k)]) <= margin;
+    for (long k = 2; k + 2 < K; ++k) {
+        bool all = true;
+        for (long j = -2; j <= 2; ++j) all = all && near[std::size_t(k + j)];
+        trusted[std::size_t(k)] = all;
+    }
+    return trusted;
 }
 
 // Non-coherent symbol decisions: the samples of one symbol period around
@@ -292,9 +422,17 @@ void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
     for (std::size_t i = 0; i < n; ++i) v[i] = (gr[i] - mean) * (gr[i] - mean);
     p.clock = vantrel::meas::estimate_symbol_clock(v, sps);
     p.instants = instantsOf(p.clock, n, double(h.size() / 2) + 20.0 + 2.0 * sps);
-    // The phase difference of samples i-1 and i is the frequency half a
-    // sample before i, so the clock found on it runs half a sample late.
-    for (double& v : p.instants) v -= 0.5;
+    // gr[i] stands for the time i + lead: the phase difference of samples
+    // i-1 and i is the frequency half a sample before i, and an even-length
+    // one-symbol average is centred half a sample off its middle tap. The
+    // clock found on gr is moved to the time the samples' phase keeps.
+    double weight = 0.0, centroid = 0.0;
+    for (std::size_t k = 0; k < h.size(); ++k) {
+        weight += h[k];
+        centroid += h[k] * double(k);
+    }
+    const double lead = centroid / weight - double(h.size() / 2) - 0.5;
+    for (double& v : p.instants) v += lead;
     p.instantSps = sps;
     const WorkVec<double>& t = p.instants;
     if (t.size() < 64) return;
@@ -309,7 +447,7 @@ void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
     for (std::size_t k = 0; k < K; ++k) {
         adv[k] = (linearAt(phase, t[k] + 0.5 * T) - linearAt(phase, t[k] - 0.5 * T)) * fs /
                  (kTwoPi * T);
-        centre[k] = cubicAt(gr, t[k]);
+        centre[k] = cubicAt(gr, t[k] - lead);
     }
     const bool four = p.order == 4;
     double fc = 0.0;
@@ -333,6 +471,11 @@ void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
                 level[k] = d < -2 * unit ? -3 : d < 0 ? -1 : d < 2 * unit ? 1 : 3;
             }
         }
+        if (!fitLevels(level, adv, coef, residual)) return;
+        fc = coef[0];
+    }
+    for (int it = 0; it < 2; ++it) {
+        cancelNeighbours(centre, coef, four, level);
         if (!fitLevels(level, adv, coef, residual)) return;
         fc = coef[0];
     }
@@ -366,6 +509,24 @@ void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
         coef.swap(heardCoef);
         residual = heardResidual;
     }
+    // Steady frequency of level 1 from the click-free fit (the frequency
+    // pulse spreads one symbol's shift over its neighbours, but the shares
+    // add up to the whole shift). Below four samples per symbol its products
+    // are taken on the captured samples, since an interpolated block's phase
+    // between them is the interpolator's guess. Only trusted symbols count,
+    // while they are at least a quarter of the block. (The carrier stays
+    // with the discriminator's fit, whose windows are centred on the
+    // symbols: the centre-to-centre windows see one more neighbour on one
+    // side than the pattern holds, which a long pulse turns into an offset
+    // of about 1e-4 Rb.)
+    const bool captured = rawSps < sps;
+    WorkVec<char> trusted = trustedSymbols(centre, coef, level, 0.5);
+    if (4 * std::count(trusted.begin(), trusted.end(), char(1)) < long(K)) trusted.assign(K, 1);
+    WorkVec<double> lagCoef;
+    const bool lagFit =
+        captured ? fitLagProducts(p.raw, rawSps / sps, p.fs, phase, t, T, level, trusted, lagCoef)
+                 : fitLagProducts(s, 1.0, fs, phase, t, T, level, trusted, lagCoef);
+    const WorkVec<double>& model = lagFit ? lagCoef : coef;
     fc = coef[0];
     p.carrierHz = fc;
     p.fskFrequency.assign(K, 0.0);
@@ -375,10 +536,8 @@ void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
     m.symbolCount = static_cast<uint32_t>(K);
     const double step = std::fabs(coef[3]);
     if (step > 0.0 && residual < 0.2 * step) m.flags |= VANTREL_MEAS_CARRIER_LOCKED;
-    // Steady frequency of level 1 (the frequency pulse spreads one symbol's
-    // shift over its neighbours, but the shares add up to the whole shift).
     levelOne = 0.0;
-    for (std::size_t j = 1; j < coef.size(); ++j) levelOne += coef[j];
+    for (std::size_t j = 1; j < model.size(); ++j) levelOne += model[j];
     const double outer = std::fabs(levelOne) * (four ? 3.0 : 1.0);
     if (outer > 0.0) {
         m.fskDeviationHz = outer;
