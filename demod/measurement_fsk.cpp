@@ -103,9 +103,9 @@ constexpr int kPatterns = 1024;  // five levels of four values
 WorkVec<std::uint16_t> patternsOf(const WorkVec<int>& level) {
     const std::size_t K = level.size();
     WorkVec<std::uint16_t> pattern(K, 0);
-    int index = 0;
+    unsigned index = 0;
     for (std::size_t k = 0; k < K; ++k) {
-        index = (4 * index + (level[k] + 3) / 2) % kPatterns;
+        index = (4 * index + static_cast<unsigned>(level[k] + 3) / 2) % kPatterns;
         if (k >= 4) pattern[k - 2] = static_cast<std::uint16_t>(index);
     }
     return pattern;
@@ -173,15 +173,18 @@ bool fitLevels(const WorkVec<int>& level, const WorkVec<double>& adv,
 
 // The same regression on click-free advances. At low SNR the discriminator's
 // phase slips by 2 pi now and then, mostly against the frequency, so its
-// advances read the deviation low. Here each symbol contributes the product
-// x[a + L] conj(x[a]) over L ~ T samples from its instant to the next, and
-// the products of every symbol with the same pattern are summed before the
-// angle is taken: noise then averages out instead of wrapping. The windows
-// run from centre to centre, where the phase is least disturbed by the steps
-// between symbols; the regression's neighbour terms take up the shift, and
-// the sum of the coefficients (the steady frequency) depends only on the
-// window's length. The angle is known modulo 2 pi; the discriminator's own
-// advance over the same window, a few per cent off at worst, picks the turn.
+// advances read the deviation low. Here the products x[a + L] conj(x[a])
+// over L ~ T samples are summed over every symbol with the same pattern
+// before the angle is taken: noise then averages out instead of wrapping.
+// Each symbol contributes up to four windows whose centres lie within half
+// a symbol of its instant, spread over it. The regression holds
+// for a window at any offset from the instant (only the neighbours' shares
+// change with it), and the sum of its coefficients, the steady frequency,
+// does not depend on the offset at all; so windows are summed per pattern
+// and per quarter sample of offset, each sum's angle taken, and the angles
+// averaged per pattern before the fit. The angle is known modulo 2 pi; the
+// discriminator's own advance over the same window, a few per cent off at
+// worst, picks the turn.
 // x may run at another rate than the discriminator: `scale` is its samples
 // per discriminator sample, and xfs its rate.
 bool fitLagProducts(const WorkVec<cd>& x, double scale, double xfs, const WorkVec<double>& phase,
@@ -192,29 +195,34 @@ bool fitLagProducts(const WorkVec<cd>& x, double scale, double xfs, const WorkVe
     const long L = std::max(1L, std::lround(T * scale));
     if (K < 8 || n <= L) return false;
     const WorkVec<std::uint16_t> pattern = patternsOf(level);
-    // Windows start on the sample nearest each instant, so their offset from
-    // the instant drifts with the clock's fraction; products are summed
-    // per pattern and per eighth of a sample of that offset, and the angles
-    // of the bins (each with its own turn) averaged, so that windows at
-    // different offsets are not mixed inside one sum.
-    constexpr std::size_t kBins = 8;
-    WorkVec<cd> product(kBins * kPatterns, cd(0, 0));
-    WorkVec<double> count(kBins * kPatterns, 0.0), slipped(kBins * kPatterns, 0.0);
+    // Offsets of a window's start from (instant - L + 1/2), in quarter
+    // samples: 0 .. 4L - 1.
+    const std::size_t bins = 4 * std::size_t(L);
+    // At most four windows per symbol, spread over it: more add little
+    // (neighbouring windows share most of their noise) and cost time.
+    const long stride = (L + 3) / 4;
+    WorkVec<cd> product(bins * kPatterns, cd(0, 0));
+    WorkVec<double> count(bins * kPatterns, 0.0), slipped(bins * kPatterns, 0.0);
     for (std::size_t k = 2; k + 2 < K; ++k) {
         if (!trusted[k]) continue;
-        const double start = t[k] * scale;
-        const long a = std::lround(start);
-        if (a < 0 || a + L >= n) continue;
-        const std::size_t bin = std::min(kBins - 1, static_cast<std::size_t>((start - double(a) + 0.5) * kBins));
-        const std::size_t slot = bin * kPatterns + pattern[k];
-        const std::size_t i = std::size_t(a);
-        product[slot] += x[i + std::size_t(L)] * std::conj(x[i]);
-        slipped[slot] += linearAt(phase, double(a + L) / scale) - linearAt(phase, double(a) / scale);
-        count[slot] += 1.0;
+        const double first = t[k] * scale - double(L) + 0.5;
+        const long a0 = static_cast<long>(std::ceil(first - 0.5));
+        for (long a = a0; a < a0 + L && a + L < n; a += stride) {
+            if (a < 0) continue;
+            const double offset = double(a) - first + 0.5;  // 0 .. L
+            const std::size_t bin = std::min(bins - 1, static_cast<std::size_t>(4.0 * offset));
+            const std::size_t slot = bin * kPatterns + pattern[k];
+            const std::size_t i = std::size_t(a);
+            product[slot] += x[i + std::size_t(L)] * std::conj(x[i]);
+            slipped[slot] += scale == 1.0 ? phase[i + std::size_t(L)] - phase[i]
+                                          : linearAt(phase, double(a + L) / scale) -
+                                                linearAt(phase, double(a) / scale);
+            count[slot] += 1.0;
+        }
     }
     const double toHz = xfs / (kTwoPi * double(L));
     WorkVec<double> weight(kPatterns, 0.0), sum(kPatterns, 0.0);
-    for (std::size_t slot = 0; slot < kBins * kPatterns; ++slot) {
+    for (std::size_t slot = 0; slot < bins * kPatterns; ++slot) {
         const double c = count[slot];
         if (c == 0.0) continue;
         const double expected = slipped[slot] / c;
@@ -226,36 +234,42 @@ bool fitLagProducts(const WorkVec<cd>& x, double scale, double xfs, const WorkVe
     return fitPatterns(weight, sum, coef);
 }
 
-// A symbol's one-symbol frequency, with the neighbours' share taken out, in
-// level units: its own level plus noise. The symbol holds, besides its own
-// level times d_0, the parts d_j of its neighbours' levels that the pulse
-// (and, below four samples per symbol, the interpolation) spreads into it.
-double ownLevelValue(const WorkVec<double>& centre, const WorkVec<double>& coef,
-                     const WorkVec<int>& level, long k) {
+// Each symbol's one-symbol frequency with its neighbours' shares taken out,
+// in level units: its own level plus noise. Besides its own level times
+// d_0, a symbol's frequency holds the parts d_j of its neighbours' levels
+// that the pulse (and, below four samples per symbol, the interpolation)
+// spreads into it; they are subtracted for the neighbours' levels given.
+WorkVec<double> ownLevelValues(const WorkVec<double>& centre, const WorkVec<double>& coef,
+                               const WorkVec<int>& level) {
     const long K = static_cast<long>(level.size());
-    double v = centre[std::size_t(k)] - coef[0];
-    for (long j = -2; j <= 2; ++j)
-        if (j != 0 && k + j >= 0 && k + j < K) v -= coef[std::size_t(j + 3)] * level[std::size_t(k + j)];
-    return v / coef[3];
+    const double inverse = 1.0 / coef[3];
+    const double c0 = coef[0], dm2 = coef[1], dm1 = coef[2], dp1 = coef[4], dp2 = coef[5];
+    WorkVec<double> v(level.size());
+    // Near the ends a missing neighbour counts as level 0.
+    auto at = [&](long k) { return k >= 0 && k < K ? double(level[std::size_t(k)]) : 0.0; };
+    for (long k = 0; k < K; ++k)
+        v[std::size_t(k)] = (centre[std::size_t(k)] - c0 - dm2 * at(k - 2) - dm1 * at(k - 1) -
+                             dp1 * at(k + 1) - dp2 * at(k + 2)) * inverse;
+    return v;
 }
 
 // Decisions with the neighbours' share taken out: with the model fitted,
-// each symbol's value is formed from its neighbours' latest decisions
-// (earlier symbols from this pass) and sliced to the nearest level.
+// each symbol's value is formed from its neighbours' decisions of the
+// previous round and sliced to the nearest level.
 void cancelNeighbours(const WorkVec<double>& centre, const WorkVec<double>& coef, bool four,
                       WorkVec<int>& level) {
     if (!(std::fabs(coef[3]) > 0.0)) return;
+    const WorkVec<double> v = ownLevelValues(centre, coef, level);
     const double top = four ? 3.0 : 1.0;
-    for (long k = 0; k < static_cast<long>(level.size()); ++k) {
-        const double v = ownLevelValue(centre, coef, level, k);
-        const double odd = 2.0 * std::floor(0.5 * v) + 1.0;  // the nearest odd level
-        level[std::size_t(k)] = static_cast<int>(std::max(-top, std::min(top, odd)));
+    for (std::size_t k = 0; k < level.size(); ++k) {
+        const double odd = 2.0 * std::floor(0.5 * v[k]) + 1.0;  // the nearest odd level
+        level[k] = static_cast<int>(std::max(-top, std::min(top, odd)));
     }
 }
 
-// Symbols whose decision the deviation may trust: the value of each of the
-// five symbols of its pattern lies within `margin` level units of its
-// decided level. The window is symmetric about the level, so it keeps the
+// Symbols whose decision the deviation may trust: the value of the symbol
+// and of its two next neighbours (the ones its windows reach) lies within
+// `margin` level units of its decided level. The window is symmetric about the level, so it keeps the
 // noise's mean at zero, while a wrong decision (whose value lies about a
 // whole unit from the level it was given) rarely passes it. A decision error
 // would otherwise put an outer symbol's products into an inner pattern and
@@ -265,14 +279,11 @@ WorkVec<char> trustedSymbols(const WorkVec<double>& centre, const WorkVec<double
     const long K = static_cast<long>(level.size());
     WorkVec<char> near(level.size(), 0), trusted(level.size(), 0);
     if (!(std::fabs(coef[3]) > 0.0)) return trusted;
+    const WorkVec<double> v = ownLevelValues(centre, coef, level);
     for (long k = 0; k < K; ++k)
-        near[std::size_t(k)] =
-            std::fabs(ownLevelValue(centre, coef, level, k) - level[std::size_t(k)]) <= margin;
-    for (long k = 2; k + 2 < K; ++k) {
-        bool all = true;
-        for (long j = -2; j <= 2; ++j) all = all && near[std::size_t(k + j)];
-        trusted[std::size_t(k)] = all;
-    }
+        near[std::size_t(k)] = std::fabs(v[std::size_t(k)] - level[std::size_t(k)]) <= margin;
+    for (long k = 1; k + 1 < K; ++k)
+        trusted[std::size_t(k)] = near[std::size_t(k - 1)] && near[std::size_t(k)] && near[std::size_t(k + 1)];
     return trusted;
 }
 
@@ -456,7 +467,7 @@ void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
     WorkVec<int> level(K, 0);
     WorkVec<double> coef;
     double residual = 0.0;
-    for (int it = 0; it < 4; ++it) {
+    for (int it = 0; it < 2; ++it) {
         // Decisions about the current carrier estimate; four levels are
         // spaced by the mean distance from the carrier, E|v| = 2.
         double meanAbs = 0.0;
@@ -474,11 +485,6 @@ void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
         if (!fitLevels(level, adv, coef, residual)) return;
         fc = coef[0];
     }
-    for (int it = 0; it < 2; ++it) {
-        cancelNeighbours(centre, coef, four, level);
-        if (!fitLevels(level, adv, coef, residual)) return;
-        fc = coef[0];
-    }
     // The discriminator's decisions gave the tones; the final decisions
     // correlate each symbol with them (the best symbol-by-symbol receiver
     // for tones of unknown phase), and the model is fitted once more.
@@ -489,10 +495,16 @@ void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
     // measurement then refine each other.
     // One symbol of two tones closer than about a symbol rate apart does not
     // hold enough cycles to tell them by correlation (they are far from
-    // orthogonal); there the discriminator's decisions are kept.
+    // orthogonal); there the discriminator's decisions are kept, refined
+    // with the neighbours' shares taken out.
     double toneCentre = fc, toneUnit = levelOne;
     measureTones(lag, fs, t, T, level, toneCentre, toneUnit);
     const bool separable = 2.0 * std::fabs(toneUnit) >= 0.75 * p.rb;
+    for (int it = 0; it < (separable ? 0 : 2); ++it) {
+        cancelNeighbours(centre, coef, four, level);
+        if (!fitLevels(level, adv, coef, residual)) return;
+        fc = coef[0];
+    }
     WorkVec<int> heard;
     if (separable) {
         heard = correlatorLevels(s, fs, t, T, toneCentre, toneUnit, four);
@@ -514,14 +526,14 @@ void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
     // add up to the whole shift). Below four samples per symbol its products
     // are taken on the captured samples, since an interpolated block's phase
     // between them is the interpolator's guess. Only trusted symbols count,
-    // while they are at least a quarter of the block. (The carrier stays
+    // while they are at least a tenth of the block. (The carrier stays
     // with the discriminator's fit, whose windows are centred on the
     // symbols: the centre-to-centre windows see one more neighbour on one
     // side than the pattern holds, which a long pulse turns into an offset
     // of about 1e-4 Rb.)
     const bool captured = rawSps < sps;
     WorkVec<char> trusted = trustedSymbols(centre, coef, level, 0.5);
-    if (4 * std::count(trusted.begin(), trusted.end(), char(1)) < long(K)) trusted.assign(K, 1);
+    if (std::count(trusted.begin(), trusted.end(), char(1)) < std::max(256L, long(K) / 10)) trusted.assign(K, 1);
     WorkVec<double> lagCoef;
     const bool lagFit =
         captured ? fitLagProducts(p.raw, rawSps / sps, p.fs, phase, t, T, level, trusted, lagCoef)

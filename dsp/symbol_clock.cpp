@@ -1,5 +1,6 @@
 // Symbol clock of the measurement mode: phase and rate of the symbol-rate
 // line, fitted across the capture (see measurement_dsp.h for the model).
+#include <algorithm>
 #include <cmath>
 
 #include "measurement_dsp.h"
@@ -42,12 +43,27 @@ SymbolClock estimate_symbol_clock(const WorkVec<double>& v, double spsNominal) {
         c[b] = acc;
         centre[b] = (double(b) + 0.5) * double(block) - 0.5;
     }
-    // Unwrap the block phases in time order and fit phase = p0 + s * n,
-    // weighted by the line magnitude of each block.
+    // Fit phase = p0 + s * n to the block phases, weighted by the line
+    // magnitude of each block. The phases are unwrapped in time order; at
+    // low SNR a single block's phase is noisy enough for a step between two
+    // blocks to wrap, which slips the rest of the line by a turn (a rate
+    // error of a few ppm that walks the instants off the symbols across a
+    // long capture). So the turns are counted on the line summed over
+    // kTrackBlocks neighbouring blocks, and each block's phase is taken at
+    // the turn nearest to that track.
+    constexpr std::size_t kTrackBlocks = 8;
+    WorkVec<cd> running(blocks + 1, cd(0.0, 0.0));  // running[b] = c[0] + .. + c[b-1]
+    for (std::size_t b = 0; b < blocks; ++b) running[b + 1] = running[b] + c[b];
+    WorkVec<double> track(blocks);
+    for (std::size_t b = 0; b < blocks; ++b) {
+        const std::size_t lo = std::min(b - std::min(b, kTrackBlocks / 2), blocks - std::min(blocks, kTrackBlocks));
+        const std::size_t hi = std::min(blocks, lo + kTrackBlocks);
+        const double a = std::arg(running[hi] - running[lo]);
+        track[b] = b == 0 ? a : track[b - 1] + std::remainder(a - track[b - 1], kTwoPi);
+    }
     WorkVec<double> ph(blocks);
-    ph[0] = std::arg(c[0]);
-    for (std::size_t b = 1; b < blocks; ++b)
-        ph[b] = ph[b - 1] + std::arg(c[b] * std::conj(c[b - 1]));
+    for (std::size_t b = 0; b < blocks; ++b)
+        ph[b] = track[b] + std::remainder(std::arg(c[b]) - track[b], kTwoPi);
     double sw = 0.0, sx = 0.0, sy = 0.0, sxx = 0.0, sxy = 0.0;
     for (std::size_t b = 0; b < blocks; ++b) {
         const double w = std::abs(c[b]);
