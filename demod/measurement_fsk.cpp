@@ -201,8 +201,20 @@ bool fitLagProducts(const WorkVec<cd>& x, double scale, double xfs, const WorkVe
     // At most four windows per symbol, spread over it: more add little
     // (neighbouring windows share most of their noise) and cost time.
     const long stride = (L + 3) / 4;
-    WorkVec<cd> product(bins * kPatterns, cd(0, 0));
-    WorkVec<double> count(bins * kPatterns, 0.0), slipped(bins * kPatterns, 0.0);
+    // The discriminator's phase at a position of x (linear between its
+    // samples; positions lie inside the block).
+    const long last = static_cast<long>(phase.size()) - 1;
+    auto phaseAt = [&](long xi) {
+        if (scale == 1.0) return phase[std::size_t(std::min(xi, last))];
+        const double u = double(xi) / scale;
+        const long i = std::min(static_cast<long>(u), last - 1);
+        return phase[std::size_t(i)] + (u - double(i)) * (phase[std::size_t(i + 1)] - phase[std::size_t(i)]);
+    };
+    struct Sum {
+        cd product;
+        double slipped, count;
+    };
+    WorkVec<Sum> slots(bins * kPatterns, Sum{cd(0, 0), 0.0, 0.0});
     for (std::size_t k = 2; k + 2 < K; ++k) {
         if (!trusted[k]) continue;
         const double first = t[k] * scale - double(L) + 0.5;
@@ -211,25 +223,22 @@ bool fitLagProducts(const WorkVec<cd>& x, double scale, double xfs, const WorkVe
             if (a < 0) continue;
             const double offset = double(a) - first + 0.5;  // 0 .. L
             const std::size_t bin = std::min(bins - 1, static_cast<std::size_t>(4.0 * offset));
-            const std::size_t slot = bin * kPatterns + pattern[k];
-            const std::size_t i = std::size_t(a);
-            product[slot] += x[i + std::size_t(L)] * std::conj(x[i]);
-            slipped[slot] += scale == 1.0 ? phase[i + std::size_t(L)] - phase[i]
-                                          : linearAt(phase, double(a + L) / scale) -
-                                                linearAt(phase, double(a) / scale);
-            count[slot] += 1.0;
+            Sum& slot = slots[bin * kPatterns + pattern[k]];
+            slot.product += x[std::size_t(a + L)] * std::conj(x[std::size_t(a)]);
+            slot.slipped += phaseAt(a + L) - phaseAt(a);
+            slot.count += 1.0;
         }
     }
     const double toHz = xfs / (kTwoPi * double(L));
     WorkVec<double> weight(kPatterns, 0.0), sum(kPatterns, 0.0);
-    for (std::size_t slot = 0; slot < bins * kPatterns; ++slot) {
-        const double c = count[slot];
-        if (c == 0.0) continue;
-        const double expected = slipped[slot] / c;
-        const double angle = std::arg(product[slot]);
+    for (std::size_t i = 0; i < slots.size(); ++i) {
+        const Sum& slot = slots[i];
+        if (slot.count == 0.0) continue;
+        const double expected = slot.slipped / slot.count;
+        const double angle = std::arg(slot.product);
         const double turns = std::nearbyint((expected - angle) / kTwoPi);
-        weight[slot % kPatterns] += c;
-        sum[slot % kPatterns] += c * (angle + kTwoPi * turns) * toHz;
+        weight[i % kPatterns] += slot.count;
+        sum[i % kPatterns] += slot.count * (angle + kTwoPi * turns) * toHz;
     }
     return fitPatterns(weight, sum, coef);
 }
