@@ -296,6 +296,36 @@ WorkVec<char> trustedSymbols(const WorkVec<double>& centre, const WorkVec<double
     return trusted;
 }
 
+// The discriminator's phase with its clicks taken out. A click is a phase
+// step that noise pushed across +-pi, so that it counts a turn less (or
+// more) than the signal turned. Once the symbols are decided and the tones
+// measured, each step's expected value is the tone of the symbol it lies in,
+// and the step takes the turn nearest to it; the steps stay the measured
+// ones otherwise. (Where the frequency changes between two samples the
+// expectation is off by up to half the jump, far inside half a turn at four
+// to eight samples per symbol.)
+WorkVec<double> phaseWithoutClicks(const WorkVec<double>& phase, double fs, const WorkVec<double>& t,
+                                   double T, const WorkVec<int>& level, double centre, double unit) {
+    WorkVec<double> fixed(phase.size(), 0.0);
+    if (phase.empty() || t.empty()) return fixed;
+    const double start = t.front() - 0.5 * T;
+    std::size_t k = 0;
+    for (std::size_t i = 1; i < phase.size(); ++i) {
+        double step = phase[i] - phase[i - 1];
+        // The step from sample i-1 to i stands for the time i - 1/2.
+        const double at = double(i) - 0.5;
+        if (at >= start) {
+            while (k + 1 < t.size() && at >= t[k] + 0.5 * T) ++k;
+            if (at < t[k] + 0.5 * T) {
+                const double expected = kTwoPi * (centre + unit * level[k]) / fs;
+                step += kTwoPi * std::nearbyint((expected - step) / kTwoPi);
+            }
+        }
+        fixed[i] = fixed[i - 1] + step;
+    }
+    return fixed;
+}
+
 // Non-coherent symbol decisions: the samples of one symbol period around
 // each instant, t - T/2 <= n < t + T/2, are correlated with the tone of every
 // level, exp(j 2 pi (fc + level unit) n / fs), and the strongest
@@ -536,17 +566,25 @@ void measureFsk(MeasurementPipeline& p, VantrelMeasurement& m) {
     // are taken on the captured samples, since an interpolated block's phase
     // between them is the interpolator's guess. Only trusted symbols count,
     // while they are at least a tenth of the block. (The carrier stays
-    // with the discriminator's fit, whose windows are centred on the
-    // symbols: the centre-to-centre windows see one more neighbour on one
-    // side than the pattern holds, which a long pulse turns into an offset
-    // of about 1e-4 Rb.)
+    // with the discriminator's fit: the lag fit put a Gaussian pulse's
+    // carrier about 1e-4 Rb off.)
     const bool captured = rawSps < sps;
-    WorkVec<char> trusted = trustedSymbols(centre, coef, level, 0.5);
+    // The advances again, on the phase without clicks, for the trust and
+    // for the turns of the lag products' angles.
+    const WorkVec<double> clickFree = phaseWithoutClicks(phase, fs, t, T, level, toneCentre, toneUnit);
+    WorkVec<double> steadyAdv(K);
+    for (std::size_t k = 0; k < K; ++k)
+        steadyAdv[k] = (linearAt(clickFree, t[k] + 0.5 * T) - linearAt(clickFree, t[k] - 0.5 * T)) * fs /
+                       (kTwoPi * T);
+    WorkVec<double> steadyCoef;
+    double steadyResidual = 0.0;
+    if (!fitLevels(level, steadyAdv, steadyCoef, steadyResidual)) steadyCoef = coef;
+    WorkVec<char> trusted = trustedSymbols(steadyAdv, steadyCoef, level, 0.5);
     if (std::count(trusted.begin(), trusted.end(), char(1)) < std::max(256L, long(K) / 10)) trusted.assign(K, 1);
     WorkVec<double> lagCoef;
     const bool lagFit =
-        captured ? fitLagProducts(p.raw, rawSps / sps, p.fs, phase, t, T, level, trusted, lagCoef)
-                 : fitLagProducts(s, 1.0, fs, phase, t, T, level, trusted, lagCoef);
+        captured ? fitLagProducts(p.raw, rawSps / sps, p.fs, clickFree, t, T, level, trusted, lagCoef)
+                 : fitLagProducts(s, 1.0, fs, clickFree, t, T, level, trusted, lagCoef);
     const WorkVec<double>& model = lagFit ? lagCoef : coef;
     fc = coef[0];
     p.carrierHz = fc;
