@@ -228,6 +228,14 @@ std::string esnoText(double e) { return e >= kClean ? "clean" : fmt("%.0f", e); 
 bool linear(int code) { return code != 1 && code != 2 && code != 3; }
 
 // ---- Summary against the targets ----
+
+// Row of the summary a code belongs to: PSK, QAM, ASK, FSK.
+int familyIndex(int code) {
+    sg::Family f;
+    int order, bits;
+    sg::modeInfo(code, &f, &order, &bits);
+    return f == sg::Family::PSK ? 0 : f == sg::Family::QAM ? 1 : f == sg::Family::ASK ? 2 : 3;
+}
 struct Worst {
     double value = 0.0;
     std::string where = "–";
@@ -336,11 +344,7 @@ void writeSummary(std::ostream& os, const std::vector<Row>& rows, const std::vec
         double lowestClean = 1e9;
         std::string cleanWhere = "–";
         for (const Row& r : rows) {
-            sg::Family f;
-            int order, bits;
-            sg::modeInfo(r.code, &f, &order, &bits);
-            const int idx = f == sg::Family::PSK ? 0 : f == sg::Family::QAM ? 1 : f == sg::Family::ASK ? 2 : 3;
-            if (idx != fam) continue;
+            if (familyIndex(r.code) != fam) continue;
             if (fam != 3 && r.esn0 >= 10 && r.esn0 <= 35 && r.ser < 0.01)
                 mer.add(std::fabs(r.mer - r.esn0), r);
             if (fam != 3 && r.esn0 >= kClean && r.mer < lowestClean) {
@@ -358,11 +362,7 @@ void writeSummary(std::ostream& os, const std::vector<Row>& rows, const std::vec
                 dev.add(100.0 * std::fabs(r.deviation / r.deviationTruth - 1.0), r);
         }
         for (const Timing& t : times) {
-            sg::Family f;
-            int order, bits;
-            sg::modeInfo(t.code, &f, &order, &bits);
-            const int idx = f == sg::Family::PSK ? 0 : f == sg::Family::QAM ? 1 : f == sg::Family::ASK ? 2 : 3;
-            if (idx != fam) continue;
+            if (familyIndex(t.code) != fam) continue;
             Row at;  // where the worst ratio is
             at.code = t.code;
             at.sps = t.sps;
